@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs the library into a scratch prefix, then builds and runs a tiny host
+# against it twice: through the CMake package and through pkg-config.
+# Also checks that only the public interface is exported.
+set -euo pipefail
+src=$1 bin=$2 work=$3
+rm -rf "$work"
+mkdir -p "$work"
+prefix="$work/prefix"
+
+cmake --install "$bin" --prefix "$prefix" >/dev/null
+lib=$(find "$prefix" -name 'libclipdec.so' | head -n 1)
+pc=$(find "$prefix" -name 'clipdec.pc' | head -n 1)
+[ -n "$lib" ] && [ -n "$pc" ] || { echo "install is missing libclipdec.so or clipdec.pc"; exit 1; }
+libdir=$(dirname "$lib")
+
+# Internal code stays hidden; the public interface is exported.
+exports=$(nm -D --defined-only -C "$lib")
+grep -q 'ff::Rational::operator+' <<<"$exports" || { echo "public symbol not exported"; exit 1; }
+if grep -q 'ff::rational_convert' <<<"$exports"; then echo "internal symbol exported"; exit 1; fi
+
+echo "-- CMake package"
+cmake -S "$src/tests/consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/cmake-build" >/dev/null
+LD_LIBRARY_PATH="$libdir" "$work/cmake-build/consumer"
+
+echo "-- pkg-config"
+flags=$(PKG_CONFIG_PATH=$(dirname "$pc") pkg-config --cflags --libs clipdec)
+# shellcheck disable=SC2086
+g++ -std=c++17 -Wall -Wextra -Werror "$src/tests/consumer/main.cpp" -o "$work/pc-consumer" $flags
+LD_LIBRARY_PATH="$libdir" "$work/pc-consumer"

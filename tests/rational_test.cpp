@@ -1,0 +1,243 @@
+// Exact pair arithmetic: every example is checked as a (num, den) pair, not
+// only as a value, because comparisons and the zero rules look at the pair.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "range.h"
+#include "rational.h"
+#include "rational_convert.h"
+
+using ff::Range;
+using ff::Rational;
+
+namespace {
+
+struct Pair {
+    long long num;
+    long long den;
+};
+
+void expect_pair(const Rational& got, Pair want, const std::string& what) {
+    EXPECT_EQ(got.num, want.num) << what;
+    EXPECT_EQ(got.den, want.den) << what;
+}
+
+struct ArithmeticCase {
+    char op;
+    Pair a;
+    Pair b;
+    Pair want;
+};
+
+Rational apply(char op, Rational a, const Rational& b) {
+    switch (op) {
+        case '+': return a + b;
+        case '-': return a - b;
+        case '*': return a * b;
+        case '/': return a / b;
+        case 'P': return a += b;
+        case 'M': return a -= b;
+        case 'T': return a *= b;
+        default: return a /= b;
+    }
+}
+
+std::string describe(const ArithmeticCase& c) {
+    return "{" + std::to_string(c.a.num) + "," + std::to_string(c.a.den) + "} " + c.op + " {" +
+           std::to_string(c.b.num) + "," + std::to_string(c.b.den) + "}";
+}
+
+}  // namespace
+
+TEST(RationalArithmetic, ProducesExactPairs) {
+    const std::vector<ArithmeticCase> cases = {
+        // sums: equal and divisible denominators stay unreduced, the general case reduces
+        {'+', {1, 4}, {1, 4}, {2, 4}},
+        {'+', {1, 2}, {1, 4}, {3, 4}},
+        {'+', {1, 4}, {1, 2}, {3, 4}},
+        {'+', {2, 4}, {1, 3}, {5, 6}},
+        {'+', {1, 6}, {1, 4}, {5, 12}},
+        {'+', {1, 2}, {-1, 2}, {0, 2}},
+        {'+', {0, 1}, {3, 7}, {3, 7}},
+        {'+', {5, 0}, {3, 7}, {3, 7}},
+        {'+', {3, 7}, {0, 5}, {3, 7}},
+        {'+', {1, -2}, {1, 4}, {-1, 4}},
+        {'+', {0, 0}, {0, 0}, {0, 0}},
+        // the general sum whose denominator product wraps to 0 gives {1, 0}
+        {'+', {1, 3LL << 32}, {1, 5LL << 32}, {1, 0}},
+        // differences
+        {'-', {1, 6}, {1, 4}, {1, -12}},
+        {'-', {3, 7}, {3, 7}, {0, 7}},
+        {'-', {0, 1}, {3, 7}, {-3, 7}},
+        {'-', {5, 0}, {3, 7}, {-3, 7}},
+        {'-', {3, 7}, {5, 0}, {3, 7}},
+        // products and quotients: reduced, {0, 0} when a part is zero
+        {'*', {2, 4}, {3, 9}, {1, 6}},
+        {'*', {6, 1}, {2, 3}, {4, 1}},
+        {'*', {-1, 2}, {1, 3}, {1, -6}},
+        {'*', {0, 1}, {5, 7}, {0, 0}},
+        {'*', {5, 7}, {0, 9}, {0, 0}},
+        {'/', {2, 4}, {3, 9}, {3, 2}},
+        {'/', {-1, 2}, {1, 3}, {3, -2}},
+        {'/', {1, 2}, {0, 1}, {0, 0}},
+        {'/', {5, 7}, {0, 3}, {0, 0}},
+        // wrap-around: products are taken modulo 2^64 without faulting
+        {'*', {LLONG_MIN, 1}, {-1, 1}, {LLONG_MIN, 1}},
+        {'/', {1, 1}, {LLONG_MIN, -1}, {1, LLONG_MIN}},  // reduces by gcd -1
+        // compound forms store exactly what the two-operand form returns
+        {'P', {1, 4}, {1, 4}, {2, 4}},
+        {'P', {3, 7}, {0, 5}, {3, 7}},
+        {'M', {1, 6}, {1, 4}, {1, -12}},
+        {'T', {2, 4}, {3, 9}, {1, 6}},
+        {'D', {1, 2}, {0, 1}, {0, 0}},
+    };
+    for (const auto& c : cases) {
+        expect_pair(apply(c.op, Rational(c.a.num, c.a.den), Rational(c.b.num, c.b.den)), c.want,
+                    describe(c));
+    }
+}
+
+TEST(RationalArithmetic, GcdAndReduceKeepTheirSigns) {
+    EXPECT_EQ(ff::gcd(12, 18), 6);
+    EXPECT_EQ(ff::gcd(-6, 4), -2);
+    EXPECT_EQ(ff::gcd(6, -4), 2);
+    EXPECT_EQ(ff::gcd(7, 0), 7);
+    EXPECT_EQ(ff::gcd(0, 5), 5);
+    EXPECT_EQ(ff::gcd(0, 0), 0);
+    EXPECT_EQ(ff::gcd(LLONG_MIN, -1), -1);
+
+    const std::vector<std::pair<Pair, Pair>> reductions = {
+        {{-3, 2}, {3, -2}}, {{6, -4}, {3, -2}}, {{-6, 4}, {3, -2}}, {{0, 5}, {0, 1}},
+        {{7, 0}, {1, 0}},   {{4, 2}, {2, 1}},   {{0, 0}, {0, 0}},   {{3, 5}, {3, 5}},
+        {{LLONG_MIN, -1}, {LLONG_MIN, 1}},
+    };
+    for (const auto& [in, want] : reductions) {
+        Rational r(in.num, in.den);
+        r.reduce();
+        expect_pair(r, want, "reduce {" + std::to_string(in.num) + "," + std::to_string(in.den) + "}");
+    }
+}
+
+TEST(RationalCompare, FollowsThePairRules) {
+    const Rational zero_zero(0, 0), zero_one(0, 1), zero_five(0, 5);
+    EXPECT_TRUE(zero_zero == zero_zero);
+    EXPECT_TRUE(Rational(3, 0) == Rational(3, 0));
+    EXPECT_FALSE(zero_zero == zero_one);
+    EXPECT_TRUE(zero_zero != zero_one);
+    EXPECT_TRUE(zero_one == zero_five);
+    EXPECT_TRUE(Rational(1, 2) == Rational(2, 4));
+    EXPECT_TRUE(Rational(1, -2) == Rational(-1, 2));
+
+    // {0, 0} and {0, 1} differ but neither orders before the other.
+    EXPECT_FALSE(zero_zero < zero_one);
+    EXPECT_FALSE(zero_zero > zero_one);
+    EXPECT_TRUE(zero_zero <= zero_one);
+    EXPECT_TRUE(zero_zero >= zero_one);
+
+    EXPECT_TRUE(Rational(1, -2) < Rational(1, 4));
+    EXPECT_TRUE(Rational(3, 0) < Rational(1, 2));  // undefined compares as zero
+    EXPECT_TRUE(Rational(3, 0) >= Rational(5, 0));
+    EXPECT_TRUE(Rational(1, 3) > Rational(1, 4));
+    EXPECT_FALSE(Rational(1, 4) > Rational(1, 4));
+    EXPECT_TRUE(Rational(1, 4) >= Rational(2, 8));
+    EXPECT_TRUE(Rational(-1, 3) <= Rational(-1, 4));
+    EXPECT_FALSE(Rational(-1, 3) >= Rational(-1, 4));
+}
+
+TEST(RationalTimestamps, ConvertBetweenSecondsAndTimeBases) {
+    struct ToTs {
+        Pair t;
+        Pair tb;
+        long long want;
+    };
+    const std::vector<ToTs> to_ts = {
+        {{5, 2}, {1, 1000}, 2500},    {{1, 3}, {1, 90000}, 30000}, {{-1, 3}, {1, 90000}, -30000},
+        {{7, 0}, {1, 1000}, 0},       {{5, 2}, {0, 1}, 0},         {{5, 2}, {1, 1}, 3},
+        {{-5, 2}, {1, 1}, -2},        {{-3, 2}, {1, 1}, -1},       {{-1, 2}, {1, 1}, 0},
+        {{1001, 30000}, {1, 30000}, 1001},
+        {{LLONG_MAX, 1}, {1, 1000000}, LLONG_MAX},  // saturates instead of overflowing
+    };
+    for (const auto& c : to_ts) {
+        EXPECT_EQ(ff::time_to_timestamp({c.t.num, c.t.den}, {c.tb.num, c.tb.den}), c.want)
+            << c.t.num << "/" << c.t.den << " in " << c.tb.num << "/" << c.tb.den;
+    }
+
+    struct ToTime {
+        long long ts;
+        Pair tb;
+        Pair want;
+    };
+    const std::vector<ToTime> to_time = {
+        {1500, {1, 1000}, {3, 2}}, {90000, {1, 90000}, {1, 1}}, {-3, {1, 6}, {1, -2}},
+        {3, {0, 1}, {0, 0}},       {3, {1, 0}, {0, 0}},         {0, {0, 0}, {0, 1}},
+        {0, {1, 1000}, {0, 1}},
+    };
+    for (const auto& c : to_time) {
+        expect_pair(ff::timestamp_to_time(c.ts, {c.tb.num, c.tb.den}), c.want,
+                    "timestamp " + std::to_string(c.ts));
+    }
+}
+
+TEST(RationalTimestamps, RescaleNarrowsBasesToTheirLow32Bits) {
+    EXPECT_EQ(ff::rescale_q(90000, {1, 90000}, {1, 1000}), 1000);
+    EXPECT_EQ(ff::rescale_q_rnd(1, {1, 3}, {1, 2}, ff::RND_DOWN), 0);
+    EXPECT_EQ(ff::rescale_q_rnd(1, {1, 3}, {1, 2}, ff::RND_UP), 1);
+    EXPECT_EQ(ff::rescale_q_rnd(INT64_MIN, {1, 3}, {1, 2}, ff::RND_NEAR_INF | ff::RND_PASS_MINMAX),
+              INT64_MIN);
+
+    // 2^32 + 1000 keeps only its low 32 bits: a base of 1/1000.
+    const Rational wide(1, (1LL << 32) + 1000);
+    EXPECT_EQ(ff::rescale_q(5000, wide, {1, 1}), 5);
+    const AVRational narrowed = ff::rational_convert(Rational((1LL << 32) | 7, -1));
+    EXPECT_EQ(narrowed.num, 7);
+    EXPECT_EQ(narrowed.den, -1);
+    expect_pair(ff::rational_convert(AVRational{-1001, 30000}), {-1001, 30000}, "from AVRational");
+}
+
+TEST(RangeOps, ApplyTheRationalRulesToEachEnd) {
+    Range r({1, 4}, {3, 4});
+    r += Rational(1, 4);
+    expect_pair(r.begin, {2, 4}, "+= begin");
+    expect_pair(r.end, {4, 4}, "+= end");
+
+    Range scaled({1, 1}, {2, 1});
+    scaled *= Rational(0, 1);
+    expect_pair(scaled.begin, {0, 0}, "*= zero");
+    expect_pair(scaled.end, {0, 0}, "*= zero");
+    Range divided({1, 1}, {2, 1});
+    divided /= Rational(0, 1);
+    expect_pair(divided.end, {0, 0}, "/= zero");
+
+    const Range base({1, 1}, {2, 1});
+    const Range copy = base + Rational(5, 0);
+    expect_pair(copy.begin, {1, 1}, "+ undefined");
+    expect_pair(copy.end, {2, 1}, "+ undefined");
+    const Range moved = base - Rational(1, 2);
+    expect_pair(moved.begin, {1, 2}, "- begin");
+    expect_pair(base.begin, {1, 1}, "operand unchanged");
+
+    const Range from_zero = Range({0, 1}, {1, 1}) - Rational(1, 2);
+    expect_pair(from_zero.begin, {-1, 2}, "zero begin counts as nothing");
+    expect_pair(from_zero.end, {1, 2}, "end");
+
+    Range reversed({1, 1}, {2, 1});
+    reversed *= Rational(-1, 1);
+    EXPECT_TRUE(reversed.begin > reversed.end);
+}
+
+TEST(RangeOps, IntersectsOnlyWhenSpansShareTime) {
+    const auto R = [](long long b, long long e) { return Range({b, 1}, {e, 1}); };
+    EXPECT_FALSE(R(0, 5).intersects(R(5, 10)));
+    EXPECT_FALSE(R(5, 10).intersects(R(0, 5)));
+    EXPECT_TRUE(R(0, 5).intersects(R(4, 10)));
+    EXPECT_TRUE(R(7, 7).intersects(R(5, 10)));
+    EXPECT_FALSE(R(5, 5).intersects(R(5, 10)));
+    EXPECT_FALSE(R(5, 5).intersects(R(5, 5)));
+    // An undefined begin behaves as 0 s.
+    EXPECT_TRUE(Range({3, 0}, {1, 1}).intersects(R(0, 1)));
+    EXPECT_FALSE(Range({3, 0}, {1, 1}).intersects(R(1, 2)));
+}

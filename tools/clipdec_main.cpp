@@ -1,0 +1,139 @@
+// clipdec: the library's example host, built on its public interface only.
+#include <clipdec/clipdec.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kExitUsage = 2;
+constexpr int kExitFailure = 1;
+
+void print_usage(FILE* out) {
+    std::fprintf(out,
+                 "usage: clipdec COMMAND [ARGS]\n"
+                 "\n"
+                 "commands:\n"
+                 "  info                      the library's clock readings\n"
+                 "  time SECONDS TIMEBASE     seconds (12.5 or 1001/30000) as a stream timestamp and back\n"
+                 "  md5 FILE...               MD5 digest and content identifier of files\n"
+                 "  pool WxH                  allocate, reuse and collect picture-sized pool blocks\n"
+                 "\n"
+                 "exit codes: 0 success, 1 a file could not be read, 2 bad arguments\n");
+}
+
+// Accepts "N/D", an integer, or a decimal such as 12.5 (kept exact).
+bool parse_rational(const char* text, ff::Rational& out) {
+    char* end = nullptr;
+    const long long whole = std::strtoll(text, &end, 10);
+    if (end == text) return false;
+    if (*end == '\0') {
+        out = {whole, 1};
+        return true;
+    }
+    if (*end == '/') {
+        const char* den_text = end + 1;
+        const long long den = std::strtoll(den_text, &end, 10);
+        if (end == den_text || *end != '\0' || den == 0) return false;
+        out = {whole, den};
+        return true;
+    }
+    if (*end == '.') {
+        const std::string digits(end + 1);
+        if (digits.empty() || digits.size() > 9 || digits.find_first_not_of("0123456789") != std::string::npos)
+            return false;
+        long long scale = 1;
+        for (size_t i = 0; i < digits.size(); ++i) scale *= 10;
+        const long long fraction = std::atoll(digits.c_str());
+        const bool negative = text[0] == '-';
+        out = {whole * scale + (negative ? -fraction : fraction), scale};
+        out.reduce();
+        return true;
+    }
+    return false;
+}
+
+int cmd_info() {
+    long long sec = 0, nsec = 0;
+    bg::time::cpu_pts(&sec, &nsec);
+    std::printf("monotonic clock: %lld.%09lld s (ms %lld, us %lld)\n", sec, nsec,
+                bg::time::cpu_msec_pts(), bg::time::cpu_usec_pts());
+    std::printf("temporary directory: %s\n", fs::tmp_dir().c_str());
+    return 0;
+}
+
+int cmd_time(const std::vector<const char*>& args) {
+    ff::Rational seconds, base;
+    if (args.size() != 2 || !parse_rational(args[0], seconds) || !parse_rational(args[1], base)) {
+        std::fprintf(stderr, "clipdec time: expected SECONDS TIMEBASE, e.g. 1001/30000 1/90000\n");
+        return kExitUsage;
+    }
+    const long long ts = ff::time_to_timestamp(seconds, base);
+    const ff::Rational back = ff::timestamp_to_time(ts, base);
+    std::printf("%lld/%lld s in base %lld/%lld = timestamp %lld = %lld/%lld s\n", seconds.num,
+                seconds.den, base.num, base.den, ts, back.num, back.den);
+    return 0;
+}
+
+int cmd_md5(const std::vector<const char*>& args) {
+    if (args.empty()) {
+        std::fprintf(stderr, "clipdec md5: expected at least one FILE\n");
+        return kExitUsage;
+    }
+    int status = 0;
+    for (const char* path : args) {
+        const char* digest = zo::MD5File(path);
+        if (!digest) {
+            std::fprintf(stderr, "clipdec md5: cannot read %s\n", path);
+            status = kExitFailure;
+            continue;
+        }
+        std::printf("%s  %s  (id %s)\n", digest, path, fs::file_unique_id(path).c_str());
+        std::free(const_cast<char*>(digest));
+    }
+    return status;
+}
+
+int cmd_pool(const std::vector<const char*>& args) {
+    int width = 0, height = 0;
+    if (args.size() != 1 || std::sscanf(args[0], "%dx%d", &width, &height) != 2 || width <= 0 ||
+        height <= 0 || width > 16384 || height > 16384) {
+        std::fprintf(stderr, "clipdec pool: expected WxH, e.g. 1920x1080\n");
+        return kExitUsage;
+    }
+    const int bytes = width * height * 4;
+    void* first = ff::mem_malloc(bytes, 16);
+    if (!first) {
+        std::fprintf(stderr, "clipdec pool: allocation of %d bytes failed\n", bytes);
+        return kExitFailure;
+    }
+    ff::mem_free(first);
+    void* again = ff::mem_malloc(bytes, 16);
+    std::printf("RGBA %dx%d: %d bytes, 16-byte aligned: %s, reused after free: %s\n", width, height,
+                bytes, bg::mempool::is_alignment(again, 16) ? "yes" : "no",
+                again == first ? "yes" : "no");
+    ff::mem_free(again);
+    ff::mem_collection(0);
+    std::printf("collected: free blocks returned to the system\n");
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
+        print_usage(argc < 2 ? stderr : stdout);
+        return argc < 2 ? kExitUsage : 0;
+    }
+    const std::string command = argv[1];
+    const std::vector<const char*> args(argv + 2, argv + argc);
+    if (command == "info") return cmd_info();
+    if (command == "time") return cmd_time(args);
+    if (command == "md5") return cmd_md5(args);
+    if (command == "pool") return cmd_pool(args);
+    std::fprintf(stderr, "clipdec: unknown command '%s' (try --help)\n", command.c_str());
+    return kExitUsage;
+}
