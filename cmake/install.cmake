@@ -10,6 +10,9 @@ set(CLIPDEC_PUBLIC_HEADERS
   rational.h
   range.h
   ff_tools.h
+  ffdecoder.h
+  frame_records.h
+  movie_info.h
   utils/bg_time.h
   utils/mempool.h
   utils/fs.h

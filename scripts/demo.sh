@@ -7,6 +7,8 @@ scripts/setup.sh
 scripts/build.sh build >/dev/null
 tool=build/tools/clipdec
 
+media=build/media
+
 echo "\$ clipdec info"
 "$tool" info
 echo
@@ -18,3 +20,10 @@ echo "\$ clipdec md5 README.md"
 echo
 echo "\$ clipdec pool 1920x1080"
 "$tool" pool 1920x1080
+echo
+for movie in h264_cfr.mp4 subs.mkv mp3_cover.mp3; do
+  echo "\$ clipdec probe $media/$movie"
+  "$tool" probe "$media/$movie"
+  echo
+done
+echo "sample media: $root/$media"

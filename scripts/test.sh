@@ -25,6 +25,7 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
 echo "== ThreadSanitizer"
 scripts/build.sh build-tsan -DCLIPDEC_SANITIZE=thread \
   -DCLIPDEC_BUILD_BENCH=OFF -DCLIPDEC_BUILD_TOOLS=OFF
-TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_ctest build-tsan
+TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/tests/tsan.supp" \
+  run_ctest build-tsan
 
 echo "all tests passed"

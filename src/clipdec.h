@@ -3,6 +3,9 @@
 
 #include "clipdec_export.h"
 #include "ff_tools.h"
+#include "ffdecoder.h"
+#include "frame_records.h"
+#include "movie_info.h"
 #include "range.h"
 #include "rational.h"
 #include "utils/bg_time.h"

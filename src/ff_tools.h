@@ -1,8 +1,15 @@
 // The library's exported free functions of the namespace ff that belong to no
-// class: the host's access to the buffer pool, and more to come.
+// class: the buffer pool, the export picture size and image divider, movie
+// descriptions and the hardware-decoding choice.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
 #include "clipdec_export.h"
+#include "frame_records.h"
+#include "movie_info.h"
 
 namespace ff {
 
@@ -13,5 +20,30 @@ CLIPDEC_API void mem_free(void* p);
 // Gives back to the system the free buffers idle for more than `ms`
 // milliseconds (0: all of them). The library never does this on its own.
 CLIPDEC_API void mem_collection(unsigned ms);
+
+// The export picture size; its pixel count (a 32-bit product) is what
+// MM_EXPORT divides against. Each value is read and written whole.
+CLIPDEC_API extern std::atomic<int32_t> g_export_width;
+CLIPDEC_API extern std::atomic<int32_t> g_export_height;
+CLIPDEC_API extern std::atomic<int32_t> g_w_h_multi;
+CLIPDEC_API void setExportMVSize(int width, int height);
+
+// The image divider (>= 1) that `mode` allows for a width x height picture:
+// MM_FULL 1; MM_AUTO 4 from 3840x2160 pixels, 2 from 1920x1080, else 1;
+// MM_EXPORT the pixel-count ratio to the export size, rounded half up (1 when
+// no export size is set or the picture is not larger); any other mode 1.
+CLIPDEC_API int getImageDivider(MemoryMode mode, int width, int height);
+
+// FFDecoder::probe under a second name.
+CLIPDEC_API MovieCtx* getMovieInfo(const char* path, std::atomic<bool>* cancel);
+
+// Hardware decoding for streams opened afterwards. `name` is an FFmpeg device
+// type ("vaapi", "cuda", ...); null or empty picks the first type FFmpeg
+// lists (false when it lists none). Whenever the device cannot be used,
+// decoding falls back to software.
+CLIPDEC_API bool hw_enable_device(const char* name);
+CLIPDEC_API void hw_disable();
+// The device types this FFmpeg build supports (FFmpeg's static strings).
+CLIPDEC_API std::vector<const char*> hw_enum_devices();
 
 }  // namespace ff

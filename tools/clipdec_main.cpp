@@ -1,13 +1,45 @@
 // clipdec: the library's example host, built on its public interface only.
 #include <clipdec/clipdec.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 namespace {
+
+// ---- the host table: how this program receives the library's messages
+
+bool g_verbose = false;
+
+int host_write_log(int level, const char* tag, const char* file, int line, const char* format, va_list args) {
+    if (!g_verbose) return 0;
+    std::fprintf(stderr, "[%d %s %s:%d] ", level, tag, file, line);
+    return std::vfprintf(stderr, format, args);
+}
+void* host_open_scope(const char*, const char*, int, const char*) { return nullptr; }
+void host_close_scope(void*) {}
+int host_get_int(const char*, int default_value) { return default_value; }
+void host_unused() {}
+
+using HostFn = void (*)();
+HostFn g_host_table[12];
+
+// The library reads the table's address from "cstyle-api" at its first
+// message, so it is published before any library call.
+void publish_host_table() {
+    for (HostFn& fn : g_host_table) fn = host_unused;
+    g_host_table[5] = reinterpret_cast<HostFn>(host_write_log);
+    g_host_table[6] = reinterpret_cast<HostFn>(host_open_scope);
+    g_host_table[7] = reinterpret_cast<HostFn>(host_close_scope);
+    g_host_table[11] = reinterpret_cast<HostFn>(host_get_int);
+    char address[32];
+    std::snprintf(address, sizeof address, "%p", static_cast<void*>(g_host_table));
+    setenv("cstyle-api", address, 1);
+}
 
 constexpr int kExitUsage = 2;
 constexpr int kExitFailure = 1;
@@ -18,9 +50,12 @@ void print_usage(FILE* out) {
                  "\n"
                  "commands:\n"
                  "  info                      the library's clock readings\n"
+                 "  probe FILE...             describe movies and their streams\n"
                  "  time SECONDS TIMEBASE     seconds (12.5 or 1001/30000) as a stream timestamp and back\n"
                  "  md5 FILE...               MD5 digest and content identifier of files\n"
                  "  pool WxH                  allocate, reuse and collect picture-sized pool blocks\n"
+                 "\n"
+                 "options: --verbose  show the library's log lines on standard error\n"
                  "\n"
                  "exit codes: 0 success, 1 a file could not be read, 2 bad arguments\n");
 }
@@ -63,6 +98,60 @@ int cmd_info() {
                 bg::time::cpu_msec_pts(), bg::time::cpu_usec_pts());
     std::printf("temporary directory: %s\n", fs::tmp_dir().c_str());
     return 0;
+}
+
+const char* stream_kind(ff::StreamType type) {
+    switch (type) {
+        case ff::STREAM_VIDEO: return "video";
+        case ff::STREAM_AUDIO: return "audio";
+        default: return "subtitle";
+    }
+}
+
+std::string seconds_text(int64_t value, const ff::Rational& base) {
+    if (value == ff::kNoPts) return "unknown";
+    char text[64];
+    std::snprintf(text, sizeof text, "%.3f s", ff::timestamp_to_time(value, base).to_double());
+    return text;
+}
+
+void print_stream(const ff::StreamCtx& s) {
+    std::printf("  stream %d: %s, time base %lld/%lld, start %s, duration %s\n", s.index, stream_kind(s.type),
+                s.time_base.num, s.time_base.den, seconds_text(s.start_time, s.time_base).c_str(),
+                seconds_text(s.duration, s.time_base).c_str());
+    if (s.type == ff::STREAM_VIDEO) {
+        std::printf("    %dx%d, pixel format %d, %lld/%lld fps, aspect %lld:%lld, rotation %.1f%s\n", s.width, s.height,
+                    s.pix_fmt, s.frame_rate.num, s.frame_rate.den, s.sample_aspect_ratio.num,
+                    s.sample_aspect_ratio.den, s.rotation, s.still_image ? ", still picture" : "");
+    } else if (s.type == ff::STREAM_AUDIO) {
+        std::printf("    %d Hz, %d channels (layout 0x%llx), sample format %d\n", s.sample_rate, s.channels,
+                    static_cast<unsigned long long>(s.channel_layout), s.sample_fmt);
+    } else {
+        for (const ff::Subtitle& sub : s.subtitles)
+            std::printf("    %.3f-%.3f s: %s\n", sub.start / 1e6, sub.end / 1e6, sub.text.c_str());
+    }
+}
+
+int cmd_probe(const std::vector<const char*>& args) {
+    if (args.empty()) {
+        std::fprintf(stderr, "clipdec probe: expected at least one FILE\n");
+        return kExitUsage;
+    }
+    int status = 0;
+    for (const char* path : args) {
+        const ff::MovieCtx* mv = ff::getMovieInfo(path, nullptr);
+        if (!mv) {
+            std::fprintf(stderr, "clipdec probe: cannot open %s\n", path);
+            status = kExitFailure;
+            continue;
+        }
+        const ff::Rational us(1, 1000000);
+        std::printf("%s: duration %s, start %s, %lld bit/s, %d video, %d audio, %d subtitle\n", path,
+                    seconds_text(mv->duration, us).c_str(), seconds_text(mv->start_time, us).c_str(),
+                    static_cast<long long>(mv->bit_rate), mv->nb_video, mv->nb_audio, mv->nb_subtitle);
+        for (int i = 0; i < mv->nb_streams; ++i) print_stream(*mv->streams[i]);
+    }
+    return status;
 }
 
 int cmd_time(const std::vector<const char*>& args) {
@@ -124,6 +213,14 @@ int cmd_pool(const std::vector<const char*>& args) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::vector<char*> kept;
+    for (int i = 0; i < argc; ++i) {
+        if (i > 0 && !std::strcmp(argv[i], "--verbose")) g_verbose = true;
+        else kept.push_back(argv[i]);
+    }
+    argc = static_cast<int>(kept.size());
+    argv = kept.data();
+    publish_host_table();
     if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")) {
         print_usage(argc < 2 ? stderr : stdout);
         return argc < 2 ? kExitUsage : 0;
@@ -131,6 +228,7 @@ int main(int argc, char** argv) {
     const std::string command = argv[1];
     const std::vector<const char*> args(argv + 2, argv + argc);
     if (command == "info") return cmd_info();
+    if (command == "probe") return cmd_probe(args);
     if (command == "time") return cmd_time(args);
     if (command == "md5") return cmd_md5(args);
     if (command == "pool") return cmd_pool(args);

@@ -1,0 +1,21 @@
+// Process-wide counters of the decoding machinery, read by tests and
+// benchmarks so that behaviour (how much was decoded, how often a stream was
+// sought) is asserted rather than guessed. Relaxed atomics: they order nothing.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace ff {
+
+struct DecodeCounters {
+    std::atomic<uint64_t> frames_decoded{0};  // frames handed out by stream instances
+    std::atomic<uint64_t> packets_read{0};    // packets of their own stream read by instances
+    std::atomic<uint64_t> seeks{0};           // seeks made by instances
+};
+
+DecodeCounters& decode_counters();
+
+inline void count(std::atomic<uint64_t>& counter) { counter.fetch_add(1, std::memory_order_relaxed); }
+
+}  // namespace ff

@@ -1,0 +1,125 @@
+// This machine has no GPU: every device type FFmpeg lists must fail to open
+// and leave decoding in software, with identical frames.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "ff_ptr.h"
+#include "ff_tools.h"
+#include "ffdec_instance.h"
+#include "hw/hw_decoder.h"
+#include "media.h"
+
+using namespace ff;
+using testmedia::LogCapture;
+
+namespace {
+
+std::vector<std::string> decode_digests(const std::string& file) {
+    std::vector<std::string> digests;
+    Instance inst;
+    UniqueAVPacket pkt = make_packet();
+    UniqueAVFrame frame = make_frame();
+    if (!inst.open(file.c_str(), 0)) return digests;
+    while (inst.get_frame(pkt.get(), frame.get()) >= 0) digests.push_back(testmedia::picture_digest(frame.get()));
+    return digests;
+}
+
+bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+}  // namespace
+
+TEST(HwDecoder, ListsChoosesAndRefusesDeviceTypes) {
+    LogCapture log;
+    const std::vector<const char*> types = hw_enum_devices();
+    std::string list;
+    for (const char* t : types) list += std::string(t) + ",";
+    EXPECT_EQ(log.take(), "\"[hw]# available device types: " + list + "\"\n");
+
+    EXPECT_FALSE(hw_enable_device("no-such-device"));
+    std::string text = log.take();
+    EXPECT_TRUE(contains(text, "\"Device type 'no-such-device' is not supported.\"\n")) << text;
+    EXPECT_TRUE(contains(text, "available device types: " + list)) << text;
+    EXPECT_EQ(HWDecoder::instance()->private_data()->device_type.load(), AV_HWDEVICE_TYPE_NONE);
+
+    if (!types.empty()) {
+        EXPECT_TRUE(hw_enable_device(""));
+        text = log.take();
+        EXPECT_TRUE(contains(text, std::string("\"[hw]# Use default HWDevice: '") + types[0] + "'\"\n")) << text;
+        EXPECT_STREQ(HWDecoder::instance()->private_data()->device_name, types[0]);
+        // A refused name keeps the previous choice.
+        EXPECT_FALSE(hw_enable_device("no-such-device"));
+        EXPECT_STREQ(HWDecoder::instance()->private_data()->device_name, types[0]);
+    }
+    hw_disable();
+    EXPECT_TRUE(contains(log.take(), "\"disable HWdevice, 用户选择禁用硬件解码器\"\n"));
+    EXPECT_EQ(HWDecoder::instance()->private_data()->device_type.load(), AV_HWDEVICE_TYPE_NONE);
+}
+
+TEST(HwDecoder, UnusableDeviceFallsBackToIdenticalSoftwareFrames) {
+    const std::string file = testmedia::path("h264_cfr.mp4");
+    const std::vector<std::string> software = decode_digests(file);
+    ASSERT_EQ(software.size(), 100u);
+
+    const std::vector<const char*> types = hw_enum_devices();
+    int tried = 0;
+    for (const char* name : {"vaapi", "cuda", "vdpau"}) {
+        if (std::none_of(types.begin(), types.end(), [&](const char* t) { return !std::strcmp(t, name); })) continue;
+        ++tried;
+        ASSERT_TRUE(hw_enable_device(name));
+        LogCapture log;
+        EXPECT_EQ(decode_digests(file), software) << name;
+        const std::string text = log.take();
+        EXPECT_TRUE(contains(text, std::string("\"Failed to create specified HW device. ==> ") + name + "\"\n") ||
+                    contains(text, std::string("does not support device type '") + name + "'"))
+            << name << ": " << text;
+    }
+    hw_disable();
+    EXPECT_GT(tried, 0) << "FFmpeg lists none of vaapi, cuda, vdpau";
+}
+
+TEST(HwDecoder, SoftwareContextsAreAllocatedQuietlyForAudio) {
+    hw_disable();
+    LogCapture log;
+    AVCodecContext* video = HWDecoder::instance()->hw_codec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_H264));
+    ASSERT_NE(video, nullptr);
+    EXPECT_EQ(hw_codec_state(video), nullptr);
+    EXPECT_EQ(log.take(), "\"type==none, 用户未启用硬件解码\"\n");
+    AVCodecContext* audio = HWDecoder::instance()->hw_codec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_AAC));
+    ASSERT_NE(audio, nullptr);
+    EXPECT_EQ(log.take(), "");
+    HWDecoder::instance()->hw_codec_free_context(&video);
+    HWDecoder::instance()->hw_codec_free_context(&audio);
+    EXPECT_EQ(video, nullptr);
+}
+
+TEST(HwDecoder, RefusedSurfaceFormatTurnsTheContextToSoftware) {
+    AVCodecContext* ctx = avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_H264));
+    ASSERT_NE(ctx, nullptr);
+    const AVPixelFormat offered[] = {AV_PIX_FMT_YUV420P, AV_PIX_FMT_VAAPI, AV_PIX_FMT_NONE};
+    const AVPixelFormat software_only[] = {AV_PIX_FMT_YUV420P, AV_PIX_FMT_NONE};
+
+    // Without a record the first format is taken.
+    EXPECT_EQ(get_hw_format(ctx, offered), AV_PIX_FMT_YUV420P);
+    EXPECT_EQ(get_hw_format(ctx, nullptr), AV_PIX_FMT_NONE);
+
+    // The record is freed with the context (the leak checker watches).
+    int foreign = 0;
+    auto* record = static_cast<HWCodecState*>(std::malloc(sizeof(HWCodecState)));
+    *record = HWCodecState{1, AV_PIX_FMT_VAAPI, &foreign};
+    ctx->opaque = record;
+    EXPECT_EQ(get_hw_format(ctx, offered), AV_PIX_FMT_VAAPI);
+    EXPECT_EQ(record->state, 1);
+    LogCapture log;
+    EXPECT_EQ(get_hw_format(ctx, software_only), AV_PIX_FMT_YUV420P);
+    EXPECT_EQ(record->state, 0);
+    EXPECT_EQ(log.take(), "\"Failed to get HW surface format. 当前硬解码不支持该像素格式\"\n");
+
+    // Frames of a context that fell back are passed through untouched.
+    EXPECT_EQ(HWDecoder::instance()->hw_codec_receive_frame(ctx, make_frame().get()), AVERROR(EINVAL));
+
+    HWDecoder::instance()->hw_codec_free_context(&ctx);
+    EXPECT_EQ(ctx, nullptr);
+}

@@ -1,0 +1,125 @@
+#include "media.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/md5.h>
+#include <libswscale/swscale.h>
+}
+
+namespace testmedia {
+
+std::string path(const char* name) { return std::string(CLIPDEC_TEST_MEDIA) + "/" + name; }
+
+namespace {
+
+// Reads the bars from a luma (or gray) plane: the middle row, each bar's centre.
+int read_bars(const uint8_t* plane, int linesize, int width, int height) {
+    const uint8_t* row = plane + static_cast<size_t>(height / 2) * linesize;
+    int value = 0;
+    for (int bit = 0; bit < 16; ++bit) {
+        const int x = (2 * bit + 1) * width / 32;
+        if (row[x] > 128) value |= 1 << bit;
+    }
+    return value;
+}
+
+bool has_luma_plane(int format) {
+    switch (format) {
+        case AV_PIX_FMT_YUV420P: case AV_PIX_FMT_YUVJ420P: case AV_PIX_FMT_YUV422P:
+        case AV_PIX_FMT_YUVJ422P: case AV_PIX_FMT_YUV444P: case AV_PIX_FMT_YUVJ444P:
+        case AV_PIX_FMT_NV12: case AV_PIX_FMT_GRAY8:
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+int frame_index(const AVFrame* frame) {
+    if (!frame || frame->width < 32 || frame->height < 2 || !frame->data[0]) return -1;
+    if (has_luma_plane(frame->format)) return read_bars(frame->data[0], frame->linesize[0], frame->width, frame->height);
+    SwsContext* sws = sws_getContext(frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
+                                     frame->width, frame->height, AV_PIX_FMT_GRAY8, SWS_POINT, nullptr, nullptr, nullptr);
+    if (!sws) return -1;
+    std::vector<uint8_t> gray(static_cast<size_t>(frame->width) * frame->height);
+    uint8_t* dst[4] = {gray.data()};
+    int dst_linesize[4] = {frame->width};
+    sws_scale(sws, frame->data, frame->linesize, 0, frame->height, dst, dst_linesize);
+    sws_freeContext(sws);
+    return read_bars(gray.data(), frame->width, frame->width, frame->height);
+}
+
+std::string picture_digest(const AVFrame* frame) {
+    AVMD5* md5 = av_md5_alloc();
+    av_md5_init(md5);
+    const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame->format));
+    int line_bytes[4] = {};
+    av_image_fill_linesizes(line_bytes, static_cast<AVPixelFormat>(frame->format), frame->width);
+    for (int p = 0; p < 4 && frame->data[p]; ++p) {
+        const int rows = (p == 1 || p == 2) && desc ? AV_CEIL_RSHIFT(frame->height, desc->log2_chroma_h) : frame->height;
+        for (int y = 0; y < rows; ++y) av_md5_update(md5, frame->data[p] + static_cast<size_t>(y) * frame->linesize[p], line_bytes[p]);
+    }
+    uint8_t sum[16];
+    av_md5_final(md5, sum);
+    av_free(md5);
+    char hex[33];
+    for (int i = 0; i < 16; ++i) snprintf(hex + 2 * i, 3, "%02x", sum[i]);
+    return hex;
+}
+
+std::vector<RefFrame> reference_decode(const std::string& file, int stream_index) {
+    std::vector<RefFrame> frames;
+    AVFormatContext* fmt = nullptr;
+    if (avformat_open_input(&fmt, file.c_str(), nullptr, nullptr) != 0) return frames;
+    avformat_find_stream_info(fmt, nullptr);
+    AVStream* st = fmt->streams[stream_index];
+    const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
+    AVCodecContext* ctx = avcodec_alloc_context3(codec);
+    avcodec_parameters_to_context(ctx, st->codecpar);
+    ctx->pkt_timebase = st->time_base;
+    avcodec_open2(ctx, codec, nullptr);
+    AVPacket* pkt = av_packet_alloc();
+    AVFrame* frame = av_frame_alloc();
+    auto drain = [&] {
+        while (avcodec_receive_frame(ctx, frame) == 0) {
+            frames.push_back({frame->best_effort_timestamp, frame_index(frame)});
+            av_frame_unref(frame);
+        }
+    };
+    while (av_read_frame(fmt, pkt) >= 0) {
+        if (pkt->stream_index == stream_index && avcodec_send_packet(ctx, pkt) >= 0) drain();
+        av_packet_unref(pkt);
+    }
+    avcodec_send_packet(ctx, nullptr);
+    drain();
+    av_frame_free(&frame);
+    av_packet_free(&pkt);
+    avcodec_free_context(&ctx);
+    avformat_close_input(&fmt);
+    return frames;
+}
+
+LogCapture::LogCapture() : active(true) {
+    fflush(stdout);
+    testing::internal::CaptureStdout();
+}
+
+LogCapture::~LogCapture() {
+    if (active) testing::internal::GetCapturedStdout();
+}
+
+std::string LogCapture::take() {
+    fflush(stdout);
+    std::string text = testing::internal::GetCapturedStdout();
+    testing::internal::CaptureStdout();
+    return text;
+}
+
+}  // namespace testmedia
