@@ -53,6 +53,8 @@ ff -f lavfi -i "$(tone 440 44100 3)" -i cover.png -map 0:a -map 1:v -c:a libmp3l
    -c:v png -disposition:v attached_pic -id3v2_version 3 "${exact[@]}" mp3_cover.mp3
 # 16-bit PCM WAV, stereo ramp at 48 kHz.
 ff -f lavfi -i "$(ramp 2 48000 4)" -c:a pcm_s16le "${exact[@]}" pcm_s16.wav
+# A minute of stereo ramp at 44.1 kHz in FLAC, for long runs of audio requests.
+ff -f lavfi -i "$(ramp 2 44100 60)" -c:a flac -sample_fmt s16 "${exact[@]}" ramp60.flac
 # Six-channel FLAC ramp at 48 kHz.
 ff -f lavfi -i "$(ramp 6 48000 3)" -c:a flac -sample_fmt s16 "${exact[@]}" flac_6ch.flac
 # Matroska with a SubRip and an ASS track.
@@ -88,5 +90,9 @@ ff -f lavfi -i "$(tone 440 48000 3)" -c:a aac -b:a 128k "${exact[@]}" -f adts ad
 : > empty.mp4
 size=$(stat -c %s h264_cfr.mp4)
 head -c $((size * 6 / 10)) h264_cfr.mp4 > truncated.mp4
+# Header only: the index is complete but no media data follows it, so every
+# stream ends before its first frame.
+mdat=$(grep -obUa mdat h264_cfr.mp4 | head -n 1 | cut -d: -f1)
+head -c $((mdat + 4)) h264_cfr.mp4 > header_only.mp4
 ff -f lavfi -i "anoisesrc=seed=7:amplitude=1:r=8000:d=2" -f u8 -ac 1 random.bin
 rm -f subs.ass unrotated.mp4

@@ -16,19 +16,31 @@ std::shared_ptr<AVFrame> create_avframe_ptr(AVFrame* f) {
     return std::shared_ptr<AVFrame>(f, [](AVFrame* p) { av_frame_free(&p); });
 }
 
-std::shared_ptr<AVFrame> create_avframe_with(int channels, int sample_rate, int format, int nb_samples) {
+namespace {
+
+std::shared_ptr<AVFrame> audio_frame(int channels, int sample_rate, int format, int nb_samples) {
     std::shared_ptr<AVFrame> frame = create_avframe_ptr(av_frame_alloc());
     if (!frame) return {};
     compat_frame_set_channels(frame.get(), channels, compat_default_channel_layout(channels));
     frame->sample_rate = sample_rate;
     frame->nb_samples = nb_samples;
     frame->format = format;
-    if (nb_samples >= 1) {
-        if (av_frame_get_buffer(frame.get(), 1) < 0) return {};
-        av_samples_set_silence(frame->extended_data, 0, nb_samples, channels,
-                               static_cast<AVSampleFormat>(format));
-    }
+    if (nb_samples >= 1 && av_frame_get_buffer(frame.get(), 1) < 0) return {};
     return frame;
+}
+
+}  // namespace
+
+std::shared_ptr<AVFrame> create_avframe_with(int channels, int sample_rate, int format, int nb_samples) {
+    std::shared_ptr<AVFrame> frame = audio_frame(channels, sample_rate, format, nb_samples);
+    if (frame && nb_samples >= 1)
+        av_samples_set_silence(frame->extended_data, 0, nb_samples, channels, static_cast<AVSampleFormat>(format));
+    return frame;
+}
+
+std::shared_ptr<AVFrame> create_avframe_buffers(int channels, int sample_rate, int format, int nb_samples) {
+    if (nb_samples < 1) return {};
+    return audio_frame(channels, sample_rate, format, nb_samples);
 }
 
 std::shared_ptr<AFrameCtx> create_audioframe_ctx(const RequireAudioFrame& req, int nb_samples) {

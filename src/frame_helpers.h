@@ -11,6 +11,11 @@ extern "C" {
 
 namespace ff {
 
+// An audio frame with the default layout for `channels` and buffers for
+// nb_samples samples whose content is left as allocated (for callers that
+// overwrite it at once). Empty when allocation fails or nb_samples < 1.
+std::shared_ptr<AVFrame> create_avframe_buffers(int channels, int sample_rate, int format, int nb_samples);
+
 // Shares `f`; the last release calls av_frame_free. A null `f` gives an empty pointer.
 std::shared_ptr<AVFrame> create_avframe_ptr(AVFrame* f);
 

@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "ffmpeg_error.h"
@@ -29,24 +30,19 @@ constexpr const char* kChildMarker = "CLIPDEC_BRIDGE_CHILD";
 
 bool running_as_child() { return std::getenv(kChildMarker) != nullptr; }
 
-struct ChildResult {
-    int exit_code = -1;
-    std::string output;
-};
+struct ChildResult { int exit_code = -1; std::string output; };
 
 // Runs one test of this binary in a fresh process and collects its stdout.
 ChildResult run_child(const std::string& test_name, const std::string& env) {
-    std::array<char, 4096> exe{};
-    const ssize_t n = readlink("/proc/self/exe", exe.data(), exe.size() - 1);
-    EXPECT_GT(n, 0);
-    const std::string command = "env " + env + " " + kChildMarker + "=1 '" + exe.data() +
-                                "' --gtest_filter=" + test_name + " 2>&1";
+    char exe[4096] = {};
+    EXPECT_GT(readlink("/proc/self/exe", exe, sizeof exe - 1), 0);
+    const std::string command =
+        "env " + env + " " + kChildMarker + "=1 '" + exe + "' --gtest_filter=" + test_name + " 2>&1";
     ChildResult result;
     FILE* pipe = popen(command.c_str(), "r");
     if (!pipe) return result;
-    std::array<char, 4096> chunk{};
-    size_t got;
-    while ((got = fread(chunk.data(), 1, chunk.size(), pipe)) > 0) result.output.append(chunk.data(), got);
+    char chunk[4096];
+    for (size_t got; (got = fread(chunk, 1, sizeof chunk, pipe)) > 0;) result.output.append(chunk, got);
     const int status = pclose(pipe);
     result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
@@ -54,17 +50,12 @@ ChildResult run_child(const std::string& test_name, const std::string& env) {
 
 // ---- a host table that records what the library hands it
 
-struct LogCall {
-    int level;
-    std::string tag, file, format, text;
-    int line;
-};
+struct LogCall { int level; std::string tag, file, format, text; int line; };
 std::vector<LogCall> g_logs;
 std::vector<std::string> g_scope_events;
 int g_scope_token = 0;
 
-int host_write_log(int level, const char* tag, const char* file, int line, const char* format,
-                   va_list args) {
+int host_write_log(int level, const char* tag, const char* file, int line, const char* format, va_list args) {
     char text[1024];
     std::vsnprintf(text, sizeof text, format, args);
     g_logs.push_back({level, tag, file, format, text, line});
@@ -77,26 +68,12 @@ void* host_open_scope(const char* name, const char* file, int line, const char* 
     return &g_scope_token;
 }
 
-void host_close_scope(void* scope) {
-    g_scope_events.push_back(scope == &g_scope_token ? "close token" : "close other");
-}
+void host_close_scope(void* scope) { g_scope_events.push_back(scope == &g_scope_token ? "close token" : "close other"); }
 
-int host_get_int(const char* key, int default_value) {
-    return std::string(key) == "dec.max_vf" ? 9 : default_value;
-}
+int host_get_int(const char* key, int default_value) { return std::string(key) == "dec.max_vf" ? 9 : default_value; }
 
 // Positions the library must never call.
 void host_forbidden() { std::abort(); }
-
-std::array<NoBridge::HostFn, 16> make_host_table() {
-    std::array<NoBridge::HostFn, 16> table;
-    table.fill(host_forbidden);
-    table[NoBridge::kWriteLog] = reinterpret_cast<NoBridge::HostFn>(host_write_log);
-    table[NoBridge::kOpenScope] = reinterpret_cast<NoBridge::HostFn>(host_open_scope);
-    table[NoBridge::kCloseScope] = reinterpret_cast<NoBridge::HostFn>(host_close_scope);
-    table[NoBridge::kGetInt] = reinterpret_cast<NoBridge::HostFn>(host_get_int);
-    return table;
-}
 
 std::string address_of(const void* p) {
     char text[64];
@@ -108,7 +85,12 @@ std::string address_of(const void* p) {
 
 TEST(LogBridgeChild, HostTableReceivesEveryCall) {
     if (!running_as_child()) GTEST_SKIP() << "runs only as a child process";
-    static std::array<NoBridge::HostFn, 16> table = make_host_table();
+    static std::array<NoBridge::HostFn, 16> table;
+    table.fill(host_forbidden);
+    table[NoBridge::kWriteLog] = reinterpret_cast<NoBridge::HostFn>(host_write_log);
+    table[NoBridge::kOpenScope] = reinterpret_cast<NoBridge::HostFn>(host_open_scope);
+    table[NoBridge::kCloseScope] = reinterpret_cast<NoBridge::HostFn>(host_close_scope);
+    table[NoBridge::kGetInt] = reinterpret_cast<NoBridge::HostFn>(host_get_int);
     setenv("cstyle-api", address_of(table.data()).c_str(), 1);
 
     // A library source reports a failure: the file is relative to the project root.
@@ -116,23 +98,18 @@ TEST(LogBridgeChild, HostTableReceivesEveryCall) {
     const std::string missing = std::string(CLIPDEC_TEST_TMP) + "/no-such-dir/x.pcm";
     EXPECT_FALSE(files.open({missing}, "rb"));
     ASSERT_EQ(g_logs.size(), 1u);
-    EXPECT_EQ(g_logs[0].level, 2);
-    EXPECT_EQ(g_logs[0].tag, "no-bg");
-    EXPECT_EQ(g_logs[0].file, "src/utils/wave_files.cpp");
     EXPECT_GT(g_logs[0].line, 0);
-    EXPECT_EQ(g_logs[0].format, "\"[wave files] can't open (mode=%s): %s\"\n");
-    EXPECT_EQ(g_logs[0].text, "\"[wave files] can't open (mode=rb): " + missing + "\"\n");
+    EXPECT_EQ(std::make_tuple(g_logs[0].level, g_logs[0].tag, g_logs[0].file, g_logs[0].format, g_logs[0].text),
+              std::make_tuple(2, "no-bg", "src/utils/wave_files.cpp", "\"[wave files] can't open (mode=%s): %s\"\n",
+                              "\"[wave files] can't open (mode=rb): " + missing + "\"\n"));
 
     // Escapes reach the host as their source characters; the result comes back unchanged.
     const int line = __LINE__ + 1;
-    const int written = NoBridge::instance()->write_log(5, "dec_3", __FILE__, line, "%s", "x");
-    EXPECT_EQ(written, 42);
+    EXPECT_EQ(NoBridge::instance()->write_log(5, "dec_3", __FILE__, line, "%s", "x"), 42);
     CLIPDEC_LOG(ff::kLogDebug, "dec_3", "tab\there %d", 7);
     ASSERT_EQ(g_logs.size(), 3u);
-    EXPECT_EQ(g_logs[2].format, "\"tab\\there %d\"\n");
-    EXPECT_EQ(g_logs[2].text, "\"tab\\there 7\"\n");
-    EXPECT_EQ(g_logs[2].tag, "dec_3");
-    EXPECT_EQ(g_logs[2].file, "tests/log_bridge_test.cpp");
+    EXPECT_EQ(std::make_tuple(g_logs[2].tag, g_logs[2].file, g_logs[2].format, g_logs[2].text),
+              std::make_tuple("dec_3", "tests/log_bridge_test.cpp", "\"tab\\there %d\"\n", "\"tab\\there 7\"\n"));
 
     {
         CLIPDEC_SCOPE("open_filter", nullptr);
@@ -142,12 +119,10 @@ TEST(LogBridgeChild, HostTableReceivesEveryCall) {
     EXPECT_EQ(g_scope_events[0].rfind("open open_filter tests/log_bridge_test.cpp:", 0), 0u);
     EXPECT_EQ(g_scope_events[0].substr(g_scope_events[0].size() - 7), " (null)");
     EXPECT_EQ(g_scope_events[1], "open remove_worker src/scheduler.cpp:12 del wk");
-    EXPECT_EQ(g_scope_events[2], "close token");
-    EXPECT_EQ(g_scope_events[3], "close token");
+    EXPECT_TRUE(g_scope_events[2] == "close token" && g_scope_events[3] == "close token");
 
-    EXPECT_EQ(NoBridge::instance()->get_int_setting("dec.max_vf", 4), 9);
-    EXPECT_EQ(NoBridge::instance()->get_int_setting("dec.max_af", 20), 20);
-
+    EXPECT_TRUE(NoBridge::instance()->get_int_setting("dec.max_vf", 4) == 9 &&
+                NoBridge::instance()->get_int_setting("dec.max_af", 20) == 20);
     // The variable is read once: a table published later is not seen.
     static std::array<NoBridge::HostFn, 16> other;
     other.fill(host_forbidden);
@@ -159,8 +134,7 @@ TEST(LogBridgeChild, HostTableReceivesEveryCall) {
 TEST(LogBridgeChild, WithoutTableMessagesGoToStdout) {
     if (!running_as_child()) GTEST_SKIP() << "runs only as a child process";
     EXPECT_FALSE(NoBridge::instance()->has_host_table());
-    CLIPDEC_LOG(ff::kLogError, ff::kTagDefault, "failed to open: %s, %s", "a.mp4",
-                "No such file or directory");
+    CLIPDEC_LOG(ff::kLogError, ff::kTagDefault, "failed to open: %s, %s", "a.mp4", "No such file or directory");
     std::fflush(stdout);
     { CLIPDEC_SCOPE("add_worker", nullptr); }  // nothing to call, nothing to crash
     EXPECT_EQ(NoBridge::instance()->get_int_setting("dec.max_af", 20), 20);
@@ -168,33 +142,31 @@ TEST(LogBridgeChild, WithoutTableMessagesGoToStdout) {
 
 TEST(LogBridge, HostTableGetsLevelTagFileLineFormatAndArgs) {
     const ChildResult child = run_child("LogBridgeChild.HostTableReceivesEveryCall", "");
-    EXPECT_EQ(child.exit_code, 0) << child.output;
-    EXPECT_EQ(child.output.find("SKIPPED ]"), std::string::npos) << child.output;
+    EXPECT_TRUE(child.exit_code == 0 && child.output.find("SKIPPED ]") == std::string::npos) << child.output;
 }
 
 TEST(LogBridge, WithoutTableOrWithGarbagePrintsQuotedMessage) {
     const std::string expected = "\n\"failed to open: a.mp4, No such file or directory\"\n";
     for (const std::string env : {"-u cstyle-api", "cstyle-api=not-an-address"}) {
         const ChildResult child = run_child("LogBridgeChild.WithoutTableMessagesGoToStdout", env);
-        EXPECT_EQ(child.exit_code, 0) << env << "\n" << child.output;
-        EXPECT_NE(child.output.find(expected), std::string::npos) << env << "\n" << child.output;
+        EXPECT_TRUE(child.exit_code == 0 && child.output.find(expected) != std::string::npos) << env << "\n"
+                                                                                            << child.output;
     }
 }
 
 TEST(FfmpegError, RingOfTenSlotsHoldsFfmpegText) {
-    char reference[512];
-    av_strerror(AVERROR(ENOENT), reference, sizeof reference);
-
-    std::set<const char*> slots;
+    const auto av_text = [](int err) {
+        char text[512];
+        av_strerror(err, text, sizeof text);
+        return std::string(text);
+    };
     const char* first = ff::ffmpeg_error(AVERROR(ENOENT));
-    EXPECT_STREQ(first, reference);
-    slots.insert(first);
+    std::set<const char*> slots{first};
     for (int i = 1; i < 10; ++i) slots.insert(ff::ffmpeg_error(AVERROR_EOF));
     EXPECT_EQ(slots.size(), 10u);
-    EXPECT_STREQ(first, reference);  // intact until ten further calls
+    EXPECT_EQ(first, av_text(AVERROR(ENOENT)));  // intact until ten further calls
     EXPECT_EQ(ff::ffmpeg_error(AVERROR_INVALIDDATA), first);
-    av_strerror(AVERROR_INVALIDDATA, reference, sizeof reference);
-    EXPECT_STREQ(first, reference);
+    EXPECT_EQ(first, av_text(AVERROR_INVALIDDATA));
     EXPECT_STRNE(ff::ffmpeg_error(-123456), "");  // unknown codes still get FFmpeg's generic text
 
     // Threads calling at once never share a slot, so no text is overwritten
@@ -215,8 +187,7 @@ TEST(FfmpegError, RingOfTenSlotsHoldsFfmpegText) {
     }
     for (auto& thread : threads) thread.join();
     for (int t = 0; t < 4; ++t) {
-        EXPECT_EQ(seen[t].size(), 10u);
-        EXPECT_EQ(intact[t], 100);
+        EXPECT_TRUE(seen[t].size() == 10u && intact[t] == 100) << seen[t].size() << " " << intact[t];
         for (const char* p : seen[t]) EXPECT_EQ(slots.count(p), 0u) << "shared with the main thread";
     }
 }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,22 +15,14 @@ using ff::Rational;
 
 namespace {
 
-struct Pair {
-    long long num;
-    long long den;
-};
+struct Pair { long long num, den; };
 
 void expect_pair(const Rational& got, Pair want, const std::string& what) {
     EXPECT_EQ(got.num, want.num) << what;
     EXPECT_EQ(got.den, want.den) << what;
 }
 
-struct ArithmeticCase {
-    char op;
-    Pair a;
-    Pair b;
-    Pair want;
-};
+struct ArithmeticCase { char op; Pair a, b, want; };
 
 Rational apply(char op, Rational a, const Rational& b) {
     switch (op) {
@@ -44,11 +35,6 @@ Rational apply(char op, Rational a, const Rational& b) {
         case 'T': return a *= b;
         default: return a /= b;
     }
-}
-
-std::string describe(const ArithmeticCase& c) {
-    return "{" + std::to_string(c.a.num) + "," + std::to_string(c.a.den) + "} " + c.op + " {" +
-           std::to_string(c.b.num) + "," + std::to_string(c.b.den) + "}";
 }
 
 }  // namespace
@@ -97,18 +83,14 @@ TEST(RationalArithmetic, ProducesExactPairs) {
     };
     for (const auto& c : cases) {
         expect_pair(apply(c.op, Rational(c.a.num, c.a.den), Rational(c.b.num, c.b.den)), c.want,
-                    describe(c));
+                    std::to_string(c.a.num) + "/" + std::to_string(c.a.den) + " " + c.op + " " +
+                        std::to_string(c.b.num) + "/" + std::to_string(c.b.den));
     }
 }
 
 TEST(RationalArithmetic, GcdAndReduceKeepTheirSigns) {
-    EXPECT_EQ(ff::gcd(12, 18), 6);
-    EXPECT_EQ(ff::gcd(-6, 4), -2);
-    EXPECT_EQ(ff::gcd(6, -4), 2);
-    EXPECT_EQ(ff::gcd(7, 0), 7);
-    EXPECT_EQ(ff::gcd(0, 5), 5);
-    EXPECT_EQ(ff::gcd(0, 0), 0);
-    EXPECT_EQ(ff::gcd(LLONG_MIN, -1), -1);
+    const long long gcds[][3] = {{12, 18, 6}, {-6, 4, -2}, {6, -4, 2}, {7, 0, 7}, {0, 5, 5}, {0, 0, 0}, {LLONG_MIN, -1, -1}};
+    for (const auto& g : gcds) EXPECT_EQ(ff::gcd(g[0], g[1]), g[2]) << g[0] << ", " << g[1];
 
     const std::vector<std::pair<Pair, Pair>> reductions = {
         {{-3, 2}, {3, -2}}, {{6, -4}, {3, -2}}, {{-6, 4}, {3, -2}}, {{0, 5}, {0, 1}},
@@ -149,11 +131,7 @@ TEST(RationalCompare, FollowsThePairRules) {
 }
 
 TEST(RationalTimestamps, ConvertBetweenSecondsAndTimeBases) {
-    struct ToTs {
-        Pair t;
-        Pair tb;
-        long long want;
-    };
+    struct ToTs { Pair t, tb; long long want; };
     const std::vector<ToTs> to_ts = {
         {{5, 2}, {1, 1000}, 2500},    {{1, 3}, {1, 90000}, 30000}, {{-1, 3}, {1, 90000}, -30000},
         {{7, 0}, {1, 1000}, 0},       {{5, 2}, {0, 1}, 0},         {{5, 2}, {1, 1}, 3},
@@ -166,11 +144,7 @@ TEST(RationalTimestamps, ConvertBetweenSecondsAndTimeBases) {
             << c.t.num << "/" << c.t.den << " in " << c.tb.num << "/" << c.tb.den;
     }
 
-    struct ToTime {
-        long long ts;
-        Pair tb;
-        Pair want;
-    };
+    struct ToTime { long long ts; Pair tb, want; };
     const std::vector<ToTime> to_time = {
         {1500, {1, 1000}, {3, 2}}, {90000, {1, 90000}, {1, 1}}, {-3, {1, 6}, {1, -2}},
         {3, {0, 1}, {0, 0}},       {3, {1, 0}, {0, 0}},         {0, {0, 0}, {0, 1}},

@@ -1,0 +1,133 @@
+// Contiguous 20 ms audio requests (48 kHz stereo float) through the decoder,
+// against a plain FFmpeg decode + resample loop over the same AAC track.
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libswresample/swresample.h>
+}
+
+#include "ff_compat.h"
+#include "ffdecoder.h"
+
+namespace {
+
+std::string bench_file() {
+    const char* dir = std::getenv("CLIPDEC_BENCH_MEDIA");
+    return std::string(dir ? dir : "build/bench-media") + "/bench_1080p.mp4";
+}
+
+const ff::StreamCtx* audio_stream(const std::string& file) {
+    ff::MovieCtx* mv = ff::FFDecoder::probe(file.c_str(), nullptr);
+    return mv && mv->nb_audio > 0 ? mv->streams[mv->audio_indexes[0]] : nullptr;
+}
+
+// The whole track through the decoder in contiguous 20 ms spans.
+long long decoder_pass(const ff::StreamCtx* st) {
+    long long samples = 0;
+    {
+        ff::FFDecoder dec;
+        dec.open(st);
+        for (long long i = 0;; ++i) {
+            ff::RequireAudioFrame req;
+            req.range = ff::Range({i, 50}, {i + 1, 50});
+            req.format = ff::SF_FLT;
+            req.sample_rate = 48000;
+            req.channels = 2;
+            const auto a = dec.getAudioFrame(req);
+            if (!a) break;
+            samples += a->nb_samples;
+        }
+    }
+    return samples;
+}
+
+// The same track with a plain decode + resample loop.
+long long plain_pass(const std::string& file) {
+    long long samples = 0;
+    {
+        AVFormatContext* fmt = nullptr;
+        avformat_open_input(&fmt, file.c_str(), nullptr, nullptr);
+        avformat_find_stream_info(fmt, nullptr);
+        const int index = av_find_best_stream(fmt, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+        AVStream* st = fmt->streams[index];
+        const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
+        AVCodecContext* ctx = avcodec_alloc_context3(codec);
+        avcodec_parameters_to_context(ctx, st->codecpar);
+        avcodec_open2(ctx, codec, nullptr);
+        SwrContext* swr = nullptr;
+        AVPacket* pkt = av_packet_alloc();
+        AVFrame* frame = av_frame_alloc();
+        std::vector<float> out(2 * 8192);
+        auto drain = [&] {
+            while (avcodec_receive_frame(ctx, frame) == 0) {
+                if (!swr && (ff::compat_swr_configure(&swr, 2, AV_SAMPLE_FMT_FLT, 48000, frame) < 0 || swr_init(swr) < 0))
+                    return;
+                uint8_t* dst[1] = {reinterpret_cast<uint8_t*>(out.data())};
+                samples += swr_convert(swr, dst, 8192, const_cast<const uint8_t**>(frame->extended_data),
+                                       frame->nb_samples);
+            }
+        };
+        while (av_read_frame(fmt, pkt) >= 0) {
+            if (pkt->stream_index == index && avcodec_send_packet(ctx, pkt) >= 0) drain();
+            av_packet_unref(pkt);
+        }
+        avcodec_send_packet(ctx, nullptr);
+        drain();
+        av_frame_free(&frame);
+        av_packet_free(&pkt);
+        swr_free(&swr);
+        avcodec_free_context(&ctx);
+        avformat_close_input(&fmt);
+    }
+    return samples;
+}
+
+double seconds_of(const std::function<long long()>& pass, long long* samples) {
+    const auto start = std::chrono::steady_clock::now();
+    *samples = pass();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Both sides back to back in each iteration, alternating which goes first, so
+// that a busy machine disturbs them alike; the ratio is what to read.
+void BM_Pair_AudioSpans20ms(benchmark::State& state) {
+    const std::string file = bench_file();
+    const ff::StreamCtx* st = audio_stream(file);
+    if (!st) {
+        state.SkipWithError("bench media missing: run scripts/bench.sh");
+        return;
+    }
+    double engine_s = 0, plain_s = 0;
+    long long engine_samples = 0, plain_samples = 0, n = 0;
+    bool engine_first = true;
+    for (auto _ : state) {
+        long long e = 0, p = 0;
+        if (engine_first) {
+            engine_s += seconds_of([&] { return decoder_pass(st); }, &e);
+            plain_s += seconds_of([&] { return plain_pass(file); }, &p);
+        } else {
+            plain_s += seconds_of([&] { return plain_pass(file); }, &p);
+            engine_s += seconds_of([&] { return decoder_pass(st); }, &e);
+        }
+        engine_first = !engine_first;
+        engine_samples += e;
+        plain_samples += p;
+        ++n;
+    }
+    state.counters["engine_samples_per_s"] = engine_samples / engine_s;
+    state.counters["plain_samples_per_s"] = plain_samples / plain_s;
+    state.counters["engine_vs_plain"] = (engine_samples / engine_s) / (plain_samples / plain_s);
+    state.counters["samples_per_pass"] = static_cast<double>(engine_samples) / n;
+}
+
+BENCHMARK(BM_Pair_AudioSpans20ms)->Unit(benchmark::kMillisecond)->Iterations(40);
+
+}  // namespace

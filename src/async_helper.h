@@ -1,0 +1,43 @@
+// One worker thread and its job queue: runs a decoder's asynchronous requests
+// one at a time, in the order they were queued.
+//
+// The loop's state is shared with the thread, so that destroying the helper
+// from its own thread (a callback that closes its decoder) cannot leave the
+// loop reading freed memory: the thread is then detached and ends by itself.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "blocking_queue.h"
+
+namespace ff {
+
+class AsyncHelper {
+public:
+    using Job = std::function<void()>;
+
+    AsyncHelper();
+    // Stops the loop, drops the waiting jobs unrun and joins the thread (unless
+    // called from the worker itself).
+    ~AsyncHelper();
+    AsyncHelper(const AsyncHelper&) = delete;
+    AsyncHelper& operator=(const AsyncHelper&) = delete;
+
+    // Drops every waiting job, then queues `job`: only the newest request waits.
+    void replace_waiting(Job job);
+
+    bool on_worker_thread() const;
+
+private:
+    struct State {
+        std::atomic<bool> quit{false};
+        BlockingQueue<Job> queue;
+    };
+    std::shared_ptr<State> state;
+    std::thread* thread;
+};
+
+}  // namespace ff

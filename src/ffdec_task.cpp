@@ -1,0 +1,309 @@
+#include "ffdec_task.h"
+
+#include <algorithm>
+#include <functional>
+
+#include "ffdec_instance.h"
+#include "ff_ptr.h"
+#include "ffmpeg_error.h"
+#include "frame_helpers.h"
+#include "log.h"
+#include "movie_info.h"
+#include "no_bridge.h"
+
+namespace ff {
+namespace {
+
+constexpr int kDefaultVideoCache = 4;
+constexpr int kDefaultAudioCache = 20;
+constexpr int kMaxPreTries = 4;   // re-seeks without flush while awaiting the first frame after a seek
+constexpr int kMaxErrors = 4;     // plain retries; the next error ends the call
+constexpr int kMaxNextErrors = 5; // get_next_frame gives up on this error
+
+long long bets(const std::shared_ptr<AVFrame>& f) { return f->best_effort_timestamp; }
+
+// Lookups use the best-effort timestamp; a frame without pts takes it as pts.
+void fix_pts(AVFrame* f) {
+    if (f->pts == AV_NOPTS_VALUE) f->pts = f->best_effort_timestamp;
+}
+
+bool cancelled(const std::atomic<bool>* cancel) { return cancel && cancel->load(); }
+
+// Runs on every way out of a request unless disarmed: wakes the waiters and
+// gives up the task's mutex, as the caller relies on.
+class ReleaseGuard {
+public:
+    explicit ReleaseGuard(std::function<void()> release) : release_(std::move(release)) {}
+    ~ReleaseGuard() {
+        if (release_) release_();
+    }
+    void disarm() { release_ = nullptr; }
+
+private:
+    std::function<void()> release_;
+};
+
+}  // namespace
+
+FFDec_Task::FFDec_Task() = default;
+
+FFDec_Task::~FFDec_Task() { close(); }
+
+bool FFDec_Task::open(const StreamCtx* sc) {
+    if (!sc) return false;
+    if (instance) return true;
+    stream = sc;
+    const int num = static_cast<int>(sc->time_base.num);
+    const int den = static_cast<int>(sc->time_base.den);
+    ts_per_sec = num > 0 ? static_cast<long long>(static_cast<double>(den) / num) : 1;
+    if (ts_per_sec < 1) ts_per_sec = 1;
+
+    auto* inst = new Instance();
+    if (!sc->movie || !inst->open(sc->movie->path, sc->index)) {
+        delete inst;
+        return false;
+    }
+    instance = inst;
+    const bool video = sc->type == STREAM_VIDEO;
+    const int fallback = video ? kDefaultVideoCache : kDefaultAudioCache;
+    const int limit = NoBridge::instance()->get_int_setting(video ? "dec.max_vf" : "dec.max_af", fallback);
+    max_frames = static_cast<unsigned>(limit >= 0 ? limit : fallback);
+    return true;
+}
+
+void FFDec_Task::close() {
+    delete instance;
+    instance = nullptr;
+    clear_cache_frames();
+}
+
+bool FFDec_Task::is_opened() const { return stream && instance && instance->is_open(); }
+
+void FFDec_Task::clear_cache_frames() {
+    frames.clear();
+    at_begin = false;
+    at_end = false;
+}
+
+bool FFDec_Task::is_empty() const { return frames.empty(); }
+
+long long FFDec_Task::cached_first_ts() const { return frames.empty() ? -1 : bets(frames.front()); }
+
+bool FFDec_Task::pri_is_contain(long long t, Ts_ROUND r) const {
+    if (frames.empty()) return false;
+    if (t < bets(frames.front())) return at_begin;
+    if (t > bets(frames.back())) return at_end;
+    return !(r == ROUND_NEXT && t == bets(frames.back()));
+}
+
+bool FFDec_Task::is_contain(long long t, bool next) { return pri_is_contain(t, next ? ROUND_NEXT : ROUND_DOWN); }
+
+bool FFDec_Task::will_contain(long long t) {
+    if (frames.empty()) return in_job && t >= last_ts && t <= last_ts + 2 * ts_per_sec;
+    return t >= bets(frames.front()) && t <= last_ts + 2 * ts_per_sec;
+}
+
+std::shared_ptr<AVFrame> FFDec_Task::get_frame_from_cache(long long t, Ts_ROUND r) const {
+    if (frames.empty()) return {};
+    if (t < bets(frames.front())) return at_begin ? frames.front() : nullptr;
+    if (t > bets(frames.back())) return at_end ? frames.back() : nullptr;
+    auto later = std::find_if(frames.begin(), frames.end(), [t](const auto& f) { return bets(f) > t; });
+    if (r == ROUND_NEXT) return later != frames.end() ? *later : nullptr;
+    return later == frames.end() ? frames.back() : *std::prev(later);
+}
+
+std::shared_ptr<AVFrame> FFDec_Task::get_exist_resource(long long t, bool next) {
+    return get_frame_from_cache(t, next ? ROUND_NEXT : ROUND_DOWN);
+}
+
+FFDec_Task::SeekResult FFDec_Task::seek_or_rewind(long long ts) {
+    if (instance->seek(ts, true)) return SeekResult::Sought;
+    // A failed seek may leave the demuxer anywhere (often at the end, after
+    // searching for an index); a fresh instance starts at the beginning.
+    CLIPDEC_LOG(kLogDebug, kTagDefault, "seek failed, decoding from the start: %s", name);
+    auto* fresh = new Instance();
+    if (!fresh->open(stream->movie->path, stream->index)) {
+        delete fresh;
+        return SeekResult::Lost;
+    }
+    delete instance;
+    instance = fresh;
+    return SeekResult::Rewound;
+}
+
+std::shared_ptr<AVFrame> FFDec_Task::append_frame(const std::shared_ptr<AVFrame>& frame) {
+    if (frames.size() > max_frames) {
+        frames.pop_front();
+        at_begin = false;
+    }
+    std::shared_ptr<AVFrame> previous = frames.empty() ? nullptr : frames.back();
+    frames.push_back(frame);
+    return previous;
+}
+
+std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std::atomic<bool>* cancel,
+                                                   Ts_ROUND r) {
+    std::unique_lock<std::mutex> lock = locked ? std::unique_lock<std::mutex>(mutex, std::adopt_lock)
+                                               : std::unique_lock<std::mutex>(mutex);
+    ReleaseGuard guard([this, &lock] {
+        if (!lock.owns_lock()) lock.lock();
+        in_job = false;
+        cond.notify_all();
+        lock.unlock();
+    });
+    in_job = true;
+    last_ts = t;
+    if (!instance || broken) return {};
+
+    long long s = std::max(t, 0LL);
+    bool seek_needed = true;
+    if (stream->type == STREAM_VIDEO && stream->still_image) {
+        // One picture whatever the time: the cached one, or decode it once.
+        if (!frames.empty()) {
+            if (frames.front()->pts != AV_NOPTS_VALUE) last_ts = frames.front()->pts;
+            return frames.front();
+        }
+        seek_needed = false;
+    } else if (!frames.empty()) {
+        const auto& front = frames.front();
+        const auto& back = frames.back();
+        if (front->pts <= t && (at_end || t <= back->pts + 2 * ts_per_sec)) {
+            if (auto hit = get_frame_from_cache(t, r)) {
+                last_ts = hit->pts;
+                return hit;
+            }
+            seek_needed = false;  // positioned after the back frame: decode forward
+        } else {
+            clear_cache_frames();
+        }
+    }
+
+    bool seeked = false;
+    if (seek_needed) {
+        const SeekResult result = seek_or_rewind(s);
+        if (result == SeekResult::Lost) return {};
+        seeked = result == SeekResult::Sought && s != 0;
+        if (!seeked) at_begin = true;
+    }
+
+    UniqueAVPacket pkt = make_packet();
+    std::shared_ptr<AVFrame> frame = create_avframe_ptr(av_frame_alloc());
+    if (!pkt || !frame) return {};
+    int errors = 0;
+    int pre_tries = 0;
+    std::shared_ptr<AVFrame> answer;
+    for (;;) {
+        if (cancelled(cancel)) break;
+        const int ret = instance->get_frame(pkt.get(), frame.get());
+        const bool eof = ret == AVERROR_EOF;
+        if (ret < 0 && !eof) {
+            CLIPDEC_LOG(kLogError, kTagDefault, "failed to dec frame: %s", ffmpeg_error(ret));
+            if (seeked && pre_tries <= kMaxPreTries) {
+                ++pre_tries;
+                CLIPDEC_LOG(kLogDebug, kTagDefault, "seek pre without flush, try=%d", pre_tries);
+                instance->seek(s, false);
+                continue;
+            }
+            if (++errors > kMaxErrors) break;
+            CLIPDEC_LOG(kLogDebug, kTagDefault, "ret<0, try again (try_count=%d)", errors);
+            continue;
+        }
+        if (!eof) fix_pts(frame.get());
+
+        if (seeked && (eof || frame->best_effort_timestamp > t)) {
+            // The seek landed after the target: one second earlier, down to 0.
+            s = std::max(s - ts_per_sec, 0LL);
+            CLIPDEC_LOG(kLogDebug, kTagDefault, "---> seek (%lld), backward (1sec=%lld), ts=%lld", t, ts_per_sec, s);
+            const SeekResult result = seek_or_rewind(s);
+            if (result == SeekResult::Lost) break;
+            errors = pre_tries = 0;
+            if (s == 0 || result == SeekResult::Rewound) {
+                seeked = false;
+                at_begin = true;
+            }
+            continue;
+        }
+        if (eof) {
+            at_end = true;
+            if (frames.empty()) {
+                CLIPDEC_LOG(kLogError, kTagDefault, "bad movie: unexpected eof");
+                broken = true;
+            } else {
+                answer = frames.back();
+            }
+            break;
+        }
+
+        const std::shared_ptr<AVFrame> previous = append_frame(frame);
+        const long long b = frame->best_effort_timestamp;
+        if (b == t && r == ROUND_DOWN) {
+            answer = frame;
+        } else if (b > t) {
+            answer = r == ROUND_NEXT ? frame : (previous ? previous : frame);
+        }
+        if (answer) {
+            if (answer->pts != AV_NOPTS_VALUE) last_ts = answer->pts;
+            return answer;  // the guard notifies and unlocks
+        }
+        // Let waiters look at the new frame before decoding on.
+        cond.notify_all();
+        lock.unlock();
+        lock.lock();
+        frame = create_avframe_ptr(av_frame_alloc());
+        if (!frame) return {};
+        errors = pre_tries = 0;
+        seeked = false;
+    }
+    if (answer && answer->pts != AV_NOPTS_VALUE) last_ts = answer->pts;
+    return answer;
+}
+
+std::shared_ptr<AVFrame> FFDec_Task::get_frame(long long t, bool locked, std::atomic<bool>* cancel, Ts_ROUND r) {
+    return pri_get_frame(t, locked, cancel, r);
+}
+
+std::shared_ptr<AVFrame> FFDec_Task::do_job(long long t, bool locked, std::atomic<bool>* cancel, bool next) {
+    return pri_get_frame(t, locked, cancel, next ? ROUND_NEXT : ROUND_DOWN);
+}
+
+std::shared_ptr<AVFrame> FFDec_Task::get_next_frame(std::atomic<bool>* cancel, bool repeat_last) {
+    if (!instance) return {};
+    std::shared_ptr<AVFrame> answer;
+    if (at_end && !frames.empty() && last_ts >= frames.back()->pts) {
+        answer = repeat_last ? frames.back() : nullptr;
+    } else {
+        auto later = std::find_if(frames.begin(), frames.end(), [this](const auto& f) { return f->pts > last_ts; });
+        if (later != frames.end()) {
+            answer = *later;
+        } else {
+            UniqueAVPacket pkt = make_packet();
+            std::shared_ptr<AVFrame> frame = create_avframe_ptr(av_frame_alloc());
+            int errors = 0;
+            while (pkt && frame) {
+                if (cancelled(cancel)) break;
+                const int ret = instance->get_frame(pkt.get(), frame.get());
+                if (ret == AVERROR_EOF) {
+                    if (!frames.empty()) {
+                        at_end = true;
+                        if (repeat_last) answer = frames.back();
+                    }
+                    break;
+                }
+                if (ret < 0) {
+                    CLIPDEC_LOG(kLogError, kTagDefault, "(2) failed to dec frame: %s", ffmpeg_error(ret));
+                    if (++errors >= kMaxNextErrors) break;
+                    CLIPDEC_LOG(kLogDebug, kTagDefault, "ret<0, try again (try_count=%d)", errors);
+                    continue;
+                }
+                fix_pts(frame.get());
+                append_frame(frame);
+                answer = frame;
+                break;
+            }
+        }
+    }
+    if (answer) last_ts = answer->pts;
+    return answer;
+}
+
+}  // namespace ff

@@ -1,0 +1,90 @@
+// A frame cache task: one stream instance plus a short cache of the frames it
+// decoded last, and the policy that answers a stream timestamp from the
+// cache, by decoding forward, or by seeking (with a one-second backward
+// correction when a seek lands after the target).
+//
+// Owned by its stream's scheduler pool once added. Every field is read and
+// written with `mutex` (the worker's) held. A job holds `mutex` while it
+// decodes but releases it after every appended frame, so requests waiting on
+// `cond` can pick up a frame that has just arrived while the job goes on.
+#pragma once
+
+#include <atomic>
+#include <list>
+#include <memory>
+
+extern "C" {
+#include <libavutil/frame.h>
+}
+
+#include "scheduler.h"
+
+namespace ff {
+
+class Instance;
+struct StreamCtx;
+
+class FFDec_Task : public FrameScheduler::iWorker {
+public:
+    // Which frame answers a timestamp t (a bool `next` maps false/true to these).
+    enum Ts_ROUND {
+        ROUND_DOWN = 0,  // the last frame at or before t: the frame on screen at t
+        ROUND_NEXT = 1,  // the first frame strictly after t
+    };
+
+    FFDec_Task();
+    ~FFDec_Task() override;
+
+    // Opens an instance on the stream and reads the cache limit from the host's
+    // settings ("dec.max_vf", default 4, for video; "dec.max_af", default 20,
+    // otherwise). A setting below 0 counts as the default.
+    bool open(const StreamCtx* sc);
+    void close();
+    bool is_opened() const;
+    void clear_cache_frames();
+
+    bool is_empty() const override;
+    long long cached_first_ts() const override;  // -1 when empty
+    bool pri_is_contain(long long t, Ts_ROUND r) const;
+    bool is_contain(long long t, bool next) override;
+    // Whether a job on this task would reach t by decoding forward: t between
+    // the first cached frame and two seconds past the last requested position.
+    // A job still working from an empty cache (right after opening or a seek)
+    // counts from its own target on: requests arriving together for a new
+    // position then wait for one decode instead of each starting their own.
+    bool will_contain(long long t) override;
+    std::shared_ptr<AVFrame> get_frame_from_cache(long long t, Ts_ROUND r) const;
+    std::shared_ptr<AVFrame> get_exist_resource(long long t, bool next) override;
+
+    // The full request. With `locked` the caller holds `mutex` and hands it
+    // over; on every path the call returns with `mutex` released.
+    std::shared_ptr<AVFrame> pri_get_frame(long long t, bool locked, std::atomic<bool>* cancel, Ts_ROUND r);
+    std::shared_ptr<AVFrame> get_frame(long long t, bool locked, std::atomic<bool>* cancel, Ts_ROUND r);
+    std::shared_ptr<AVFrame> do_job(long long t, bool locked, std::atomic<bool>* cancel, bool next) override;
+
+    // The frame after `last_ts`, decoding forward without seeking; the caller
+    // holds `mutex`. At the end: the last frame again when `repeat_last`.
+    std::shared_ptr<AVFrame> get_next_frame(std::atomic<bool>* cancel, bool repeat_last);
+
+    const StreamCtx* stream = nullptr;
+    Instance* instance = nullptr;  // owned
+    long long last_ts = 0;         // last requested or delivered timestamp (pts)
+    long long ts_per_sec = 0;      // stream units per second
+    std::list<std::shared_ptr<AVFrame>> frames;  // ascending, front = oldest
+    bool at_begin = false;         // the front frame is the stream's first
+    bool at_end = false;           // the stream ends after the back frame
+    bool broken = false;           // end of stream with nothing cached: answers nothing
+    unsigned max_frames = 0;
+    bool in_job = false;           // a request is running pri_get_frame
+
+private:
+    enum class SeekResult { Sought, Rewound, Lost };
+    // Seeks the instance; a stream that cannot seek (raw elementary streams,
+    // some pipes) is reopened instead, which puts it back at its start.
+    SeekResult seek_or_rewind(long long ts);
+    // Appends a decoded frame, dropping the oldest when the cache is over its
+    // limit (so it holds at most max_frames + 1); returns the previous back.
+    std::shared_ptr<AVFrame> append_frame(const std::shared_ptr<AVFrame>& frame);
+};
+
+}  // namespace ff

@@ -1,0 +1,255 @@
+#include "ffdecoder_private.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+extern "C" {
+#include <libavutil/imgutils.h>
+#include <libavutil/mathematics.h>
+}
+
+#include "async_helper.h"
+#include "ff_compat.h"
+#include "ffdec_task.h"
+#include "ffmpeg_error.h"
+#include "filter_mgr.h"
+#include "frame_helpers.h"
+#include "log.h"
+#include "movie_info.h"
+#include "rational_convert.h"
+#include "scheduler.h"
+#include "utils/mempool.h"
+
+namespace ff {
+namespace {
+
+constexpr AVRational kMicroseconds{1, 1000000};
+
+int round_up(int value, int multiple) { return (value + multiple - 1) / multiple * multiple; }
+
+}  // namespace
+
+FFDecoderPrivate::FFDecoderPrivate() {
+    static std::atomic<int> s_count{0};
+    id = ++s_count;
+    name = static_cast<char*>(std::malloc(10));
+    if (name) std::snprintf(name, 10, "dec_%d", id);
+}
+
+FFDecoderPrivate::~FFDecoderPrivate() {
+    close();
+    std::free(name);
+    stream = nullptr;
+}
+
+bool FFDecoderPrivate::open(const StreamCtx* sc) {
+    if (!sc) return false;
+    stop = false;
+    stream = sc;
+    published_stream = sc;
+    auto* task = new FFDec_Task();
+    if (!task->open(sc)) {
+        delete task;
+        return false;
+    }
+    g_decoder_mgr.pool_of(sc)->add_worker(task);
+    opened = true;
+    return true;
+}
+
+void FFDecoderPrivate::close() {
+    if (!opened) return;
+    stop = true;  // a job still decoding for this decoder ends early
+    opened = false;
+    // Callers holding req_mutex detach the worker first and destroy it after
+    // unlocking; here it can only be stopped directly.
+    detach_async().reset();
+    sws_freeContext(sws);
+    sws = nullptr;
+    reset_resampler_fifo();
+    last_vframe.reset();
+    audio_pos = 0;
+    audio_start = Rational(0, 0);
+    audio_range = Range(Rational(0, 0), Rational(0, 0));
+    close_filter();
+    if (stream) g_decoder_mgr.pool_of(stream)->remove_worker(nullptr, true);
+}
+
+long long FFDecoderPrivate::sec_to_stream_ts(const Rational& sec) const {
+    if (!stream) return 0;
+    long long ts = time_to_timestamp(sec, stream->time_base);
+    if (stream->start_time != kNoPts) ts += stream->start_time;
+    return ts;
+}
+
+std::shared_ptr<AVFrame> FFDecoderPrivate::get_frame(long long ts, std::atomic<bool>* cancel) {
+    // A decoder that never opened has no pool and must not create one.
+    if (!opened || !stream) return {};
+    std::shared_ptr<AVFrame> frame = g_decoder_mgr.pool_of(stream)->do_working(ts, cancel, false, id, name);
+    if (frame) last_ts = frame->pts;
+    return frame;
+}
+
+std::shared_ptr<AVFrame> FFDecoderPrivate::get_next_frame(std::atomic<bool>* cancel, bool repeat_last) {
+    if (!opened || !stream) return {};
+    std::shared_ptr<AVFrame> frame = g_decoder_mgr.pool_of(stream)->do_working(last_ts, cancel, true, id, name);
+    if (!frame) return {};
+    if (frame->pts != last_ts) {
+        last_ts = frame->pts;
+        return frame;
+    }
+    return repeat_last ? frame : nullptr;
+}
+
+std::shared_ptr<VFrameCtx> FFDecoderPrivate::convert_to_dst_frame(AVFrame* frame, const RequireVideoFrame& req) {
+    if (!frame || !stream) return {};
+    const auto dst_format = static_cast<AVPixelFormat>(pixfmt_to_avpixfmt(req.format));
+    // The stream's size decides the picture's; a stream that does not know
+    // its size takes the frame's.
+    int width = stream->width > 0 ? stream->width : frame->width;
+    int height = stream->height > 0 ? stream->height : frame->height;
+    const int src_width = width;
+    const int src_height = height;
+    if (req.divider > 1) {
+        width = round_up(width / req.divider, 16);
+        height = round_up(height / req.divider, 2);
+    }
+    // libswscale asserts on formats it cannot handle; ask it first.
+    const auto src_format = static_cast<AVPixelFormat>(frame->format);
+    const bool convertible = sws_isSupportedInput(src_format) > 0 && sws_isSupportedOutput(dst_format) > 0 &&
+                             frame->width > 0 && frame->height > 0 && width > 0 && height > 0;
+    // (sws_getCachedContext frees the previous context itself when it makes a new one.)
+    if (convertible)
+        sws = sws_getCachedContext(sws, frame->width, frame->height, src_format, width, height, dst_format,
+                                   SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
+    if (!convertible || !sws) {
+        CLIPDEC_LOG(kLogError, name, "no scaler for %dx%d fmt %d -> %dx%d fmt %d", frame->width, frame->height,
+                    frame->format, width, height, static_cast<int>(dst_format));
+        return {};
+    }
+    const int size = av_image_get_buffer_size(dst_format, width, height, 32);
+    if (size <= 0) return {};
+    void* buffer = bg::mempool::malloc(static_cast<unsigned>(size), 16);
+    if (!buffer) return {};
+
+    auto picture = std::make_shared<VFrameCtx>();
+    picture->buffer = buffer;
+    picture->size = size;
+    picture->width = width;
+    picture->height = height;
+    picture->format = dst_format;
+    av_image_fill_arrays(picture->data, picture->linesize, static_cast<const uint8_t*>(buffer), dst_format, width,
+                         height, 32);
+    picture->src_width = src_width;
+    picture->src_height = src_height;
+    picture->divider = req.divider;
+    picture->pts = av_rescale_q(frame->best_effort_timestamp, rational_convert(stream->time_base), kMicroseconds);
+
+    const int ret = sws_scale(sws, frame->data, frame->linesize, 0, frame->height, picture->data, picture->linesize);
+    if (ret < 0) CLIPDEC_LOG(kLogError, name, "sws error: %s", ffmpeg_error(ret));
+    return picture;
+}
+
+std::shared_ptr<AFrameCtx> FFDecoderPrivate::convert_to_dst_aframe(AVFrame* frame, const RequireAudioFrame& req) {
+    if (!frame) return {};
+    const auto dst_format = static_cast<AVSampleFormat>(samplefmt_to_avsamplefmt(req.format));
+    const int src_channels = compat_frame_channels(frame);
+    const bool reusable = swr && swr_dst_channels == req.channels && swr_dst_rate == req.sample_rate &&
+                          swr_dst_format == req.format && swr_src_channels == src_channels &&
+                          swr_src_rate == frame->sample_rate && swr_src_format == frame->format;
+    if (!reusable) {
+        if (swr) swr_close(swr);
+        // A request without a real format, rate or channel count has no resampler.
+        const bool valid = dst_format != AV_SAMPLE_FMT_NONE && req.channels > 0 && req.sample_rate > 0;
+        if (!valid || compat_swr_configure(&swr, req.channels, dst_format, req.sample_rate, frame) < 0 || swr_init(swr) < 0) {
+            swr_free(&swr);
+            return {};
+        }
+        swr_dst_channels = req.channels;
+        swr_dst_rate = req.sample_rate;
+        swr_dst_format = req.format;
+        swr_src_channels = src_channels;
+        swr_src_rate = frame->sample_rate;
+        swr_src_format = frame->format;
+    }
+
+    // Converted straight into the pooled record: no intermediate frame, no copy.
+    // (swr_convert rather than swr_convert_frame: the latter refuses input whose
+    // channel layout is described differently from the context's, e.g. an
+    // unspecified stereo against native stereo, though the samples are the same.)
+    const int capacity = swr_get_out_samples(swr, frame->nb_samples);
+    if (capacity < 0) return {};
+    std::shared_ptr<AFrameCtx> result = create_audioframe_ctx(req, capacity > 0 ? capacity : 1);
+    if (!result) return {};
+    const int produced = swr_convert(swr, result->data, capacity, const_cast<const uint8_t**>(frame->extended_data),
+                                     frame->nb_samples);
+    if (produced < 0) {
+        CLIPDEC_LOG(kLogError, name, "--> swr convert failed: %s", ffmpeg_error(produced));
+        return {};
+    }
+    // The record describes exactly the samples produced (none when the
+    // resampler kept everything back this time).
+    result->nb_samples = produced;
+    const int bytes = produced > 0 ? av_samples_get_buffer_size(nullptr, req.channels, produced, dst_format, 1) : 0;
+    result->size = bytes;
+    result->linesize[0] = bytes;
+    return result;
+}
+
+std::unique_ptr<AsyncHelper> FFDecoderPrivate::detach_async() {
+    std::lock_guard<std::mutex> lock(async_mutex);
+    std::unique_ptr<AsyncHelper> worker(async);
+    async = nullptr;
+    return worker;
+}
+
+void FFDecoderPrivate::reset_resampler_fifo() {
+    if (fifo) av_audio_fifo_free(fifo);
+    fifo = nullptr;
+    if (out_fifo) av_audio_fifo_free(out_fifo);
+    out_fifo = nullptr;
+    out_pos = 0;
+    if (swr) swr_close(swr);
+    swr_free(&swr);
+}
+
+bool FFDecoderPrivate::open_filter(const char* filters_descr) {
+    CLIPDEC_SCOPE("open_filter", nullptr);
+    // The decoder holds no filter while a new one is built: on failure it has none.
+    std::unique_ptr<AVFilterMgr> mgr(filter ? filter : new AVFilterMgr());
+    filter = nullptr;
+    if (!stream) return false;
+
+    CodecContext cc;
+    cc.type = stream->type;
+    cc.time_base_num = static_cast<int>(stream->time_base.num);
+    cc.time_base_den = static_cast<int>(stream->time_base.den);
+    if (stream->type == STREAM_VIDEO) {
+        cc.pix_fmt = stream->pix_fmt;
+        cc.width = stream->width;
+        cc.height = stream->height;
+        cc.sar_num = static_cast<int>(stream->sample_aspect_ratio.num);
+        cc.sar_den = static_cast<int>(stream->sample_aspect_ratio.den);
+    } else if (stream->type == STREAM_AUDIO) {
+        cc.sample_fmt = stream->sample_fmt;
+        cc.channel_layout = stream->channel_layout;
+        cc.channels = stream->channels;
+        cc.sample_rate = stream->sample_rate;
+    } else {
+        CLIPDEC_LOG(kLogError, kTagDefault, "no support for stream->type='%d'", static_cast<int>(stream->type));
+        return false;
+    }
+    if (mgr->init_filters(&cc, filters_descr) != 0) return false;
+    filter = mgr.release();
+    last_vframe.reset();
+    return true;
+}
+
+void FFDecoderPrivate::close_filter() {
+    if (!filter) return;
+    last_vframe.reset();
+    delete filter;
+    filter = nullptr;
+}
+
+}  // namespace ff

@@ -1,0 +1,111 @@
+// The private half of every public decoder: ties one decoder to one stream,
+// contributes a frame cache task to the stream's scheduler pool, asks the pool
+// for frames by stream timestamp and converts them to what the caller asked
+// for (pictures scaled into pooled memory, audio resampled), with an optional
+// filter graph.
+//
+// No locking of its own: the facade runs one decoder's requests one at a time
+// under `req_mutex` and calls open and close under it too. `stop` is the only
+// field read from other threads (by decode jobs, as their cancel flag).
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+
+extern "C" {
+#include <libavutil/audio_fifo.h>
+#include <libavutil/frame.h>
+#include <libswresample/swresample.h>
+#include <libswscale/swscale.h>
+}
+
+#include "frame_records.h"
+#include "range.h"
+#include "rational.h"
+
+namespace ff {
+
+struct StreamCtx;
+class AVFilterMgr;
+class AsyncHelper;
+
+class FFDecoderPrivate {
+public:
+    FFDecoderPrivate();
+    ~FFDecoderPrivate();
+    FFDecoderPrivate(const FFDecoderPrivate&) = delete;
+    FFDecoderPrivate& operator=(const FFDecoderPrivate&) = delete;
+
+    // Adds a new task for `sc` to the stream's pool (each call adds one).
+    bool open(const StreamCtx* sc);
+    // Stops running jobs of this decoder, releases every converter and the
+    // filter, and takes one idle worker out of the pool. Nothing when not open.
+    void close();
+
+    // Seconds from the stream's start as a stream timestamp.
+    long long sec_to_stream_ts(const Rational& sec) const;
+    // The frame on screen at `ts` (stream time base), or null.
+    std::shared_ptr<AVFrame> get_frame(long long ts, std::atomic<bool>* cancel);
+    // The frame after the last one delivered; at the end the last one again
+    // when `repeat_last`, otherwise null.
+    std::shared_ptr<AVFrame> get_next_frame(std::atomic<bool>* cancel, bool repeat_last);
+
+    // A picture in the request's format, the stream's size shrunk by the
+    // request's divider (width rounded up to 16, height to 2), in pooled
+    // memory. Null when no scaler fits the formats or memory runs out.
+    std::shared_ptr<VFrameCtx> convert_to_dst_frame(AVFrame* frame, const RequireVideoFrame& req);
+    // The frame's samples resampled to the request's format, rate and channel
+    // count (including any the resampler held back). Null on failure; a
+    // record with no samples when the resampler produced none.
+    std::shared_ptr<AFrameCtx> convert_to_dst_aframe(AVFrame* frame, const RequireAudioFrame& req);
+    void reset_resampler_fifo();
+
+    bool open_filter(const char* filters_descr);
+    void close_filter();
+
+    int id;
+    char* name;  // "dec_<id>": the log tag of this decoder
+    bool opened = false;
+    std::atomic<bool> stop{false};
+    long long last_ts = 0;
+    std::shared_ptr<VFrameCtx> last_vframe;  // a single-picture stream's last delivered picture
+    const StreamCtx* stream = nullptr;  // read and written under req_mutex
+    // The same stream for readers that take no lock (the stream a facade was
+    // last opened on, positioning, the speed setters); written with `stream`.
+    std::atomic<const StreamCtx*> published_stream{nullptr};
+    AVFilterMgr* filter = nullptr;
+    SwsContext* sws = nullptr;
+    AVAudioFifo* fifo = nullptr;
+    SwrContext* swr = nullptr;
+    // Audio continuity: every part zero, so that no first request counts as
+    // continuing ({0, 0} equals no other value).
+    long long audio_pos = 0;
+    Rational audio_start{0, 0};
+    Range audio_range{Rational(0, 0), Rational(0, 0)};
+    int swr_dst_channels = 0;
+    int swr_dst_rate = 0;
+    SampleFormat swr_dst_format = SF_NONE;
+    int swr_src_channels = 0;
+    int swr_src_rate = 0;
+    int swr_src_format = -1;
+    std::mutex req_mutex;
+    AsyncHelper* async = nullptr;  // the worker thread of asynchronous requests, made on first use
+    std::atomic<int> req_seq{0};
+    // Guards the creation of `async`, which two threads' first asynchronous
+    // requests may race for; taken alone, never with req_mutex.
+    std::mutex async_mutex;
+    // Converted samples carried from one audio request to the next, so that a
+    // run of contiguous requests at another rate than the stream's gets
+    // exactly the sample count of each span (the resampler holds some back).
+    AVAudioFifo* out_fifo = nullptr;
+    long long out_pos = 0;  // converted samples handed out since audio_start
+    int out_fifo_format = -1;
+    int out_fifo_channels = 0;
+
+    // Takes the worker out of the decoder, for the caller to destroy after
+    // releasing req_mutex (its job may be waiting for that mutex).
+    std::unique_ptr<AsyncHelper> detach_async();
+};
+
+}  // namespace ff

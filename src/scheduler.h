@@ -1,0 +1,147 @@
+// Shares the decoding work of one stream among all decoders open on it.
+//
+// Each decoder adds one worker (a frame cache task) to its stream's pool when
+// it opens and removes one idle worker when it closes. A request is served by
+// the best worker of the pool: one holding the frame, one decoding towards it
+// (wait for it, or take it over when idle), an idle one with an empty cache,
+// one last used by the same decoder, the least recently used one. Requests run
+// on the calling thread; the scheduler starts no threads.
+//
+// Locks, outermost first: the pool's shared mutex `pool_mutex` (shared for
+// requests, exclusive for adding and removing workers) -> one worker's
+// `mutex` -> the internal mutex of that worker's `cond`. A request never holds
+// two worker mutexes at once, and never holds the pool mutex while it waits
+// for a worker or runs a job. `idle_mutex` is taken alone.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <unordered_map>
+#include <vector>
+
+namespace ff {
+
+struct StreamCtx;
+
+template <typename T>
+class AbstractScheduler {
+public:
+    // A unit of decoding work with a short cache of results. The scheduler
+    // reads and writes `owner`, `busy`, `last_used`, `reserved_by` and
+    // `waiters`, always under `mutex`.
+    class iWorker {
+    public:
+        iWorker();
+        virtual ~iWorker();
+        iWorker(const iWorker&) = delete;
+        iWorker& operator=(const iWorker&) = delete;
+
+        virtual bool is_empty() const = 0;
+        virtual long long cached_first_ts() const = 0;
+        virtual bool is_contain(long long ts, bool next) = 0;
+        virtual bool will_contain(long long ts) = 0;
+        virtual T get_exist_resource(long long ts, bool next) = 0;
+        // Called with `mutex` held when `locked`; returns with it released.
+        virtual T do_job(long long ts, bool locked, std::atomic<bool>* cancel, bool next) = 0;
+
+        int id;
+        int owner = 0;          // decoder that last ran a job here
+        char* name;             // "work_<id>", for log lines
+        bool busy = false;      // a job runs here
+        std::mutex mutex;
+        std::condition_variable_any cond;  // notified on every appended frame and job end
+        int64_t last_used = 0;  // wall-clock seconds of the last job's start and end
+
+        // A request walking the pool keeps its fallback workers for itself
+        // (0: free); nobody else starts a job on a reserved worker.
+        uint64_t reserved_by = 0;
+        // Requests waiting on `cond` or about to re-lock `mutex` after waking:
+        // such a worker is never deleted.
+        int waiters = 0;
+        // The request a worker has been chosen for, from the moment of choice
+        // to the end of its job: another request for the same frame waits for
+        // it rather than decoding the frame a second time.
+        bool has_target = false;
+        long long target_ts = 0;
+        bool target_next = false;
+    };
+
+    AbstractScheduler() = default;
+    ~AbstractScheduler() = default;
+    AbstractScheduler(const AbstractScheduler&) = delete;
+    AbstractScheduler& operator=(const AbstractScheduler&) = delete;
+
+    void add_worker(iWorker* w);
+    // Removes the least recently used worker that no request uses, reserves
+    // or waits on (only `w` when given), and deletes it when `del`. When every
+    // worker is in use, the removal is remembered and done as soon as a job
+    // ends, so the pool does not keep a worker per close that met a busy pool.
+    void remove_worker(iWorker* w, bool del);
+    // The frame for `ts` (`next`: the first frame after `ts`), or null.
+    T do_working(long long ts, std::atomic<bool>* cancel, bool next, int owner_id, const char* who);
+
+    size_t worker_count();
+
+private:
+    // Classification of a worker for one request, in preference order.
+    enum class Rank { Holding, ArrivingOwn, ArrivingOther, Empty, Rest };
+    struct Ranked {
+        iWorker* worker;
+        Rank rank;
+        long long first_ts;
+        int64_t last_used;
+        bool own;
+    };
+
+    std::vector<iWorker*> order_workers(long long ts, bool next, int owner_id);
+    void release_candidates(std::vector<iWorker*>& candidates, uint64_t walk);
+    // Starts the job on `w`, whose mutex `lock` holds (the worker is free or
+    // reserved by this request); returns its answer with the mutex released.
+    T run_job(iWorker* w, std::unique_lock<std::mutex>& lock, long long ts, std::atomic<bool>* cancel, bool next,
+              int owner_id);
+    void wait_for_change(uint64_t seen_epoch);
+    // With `pool_mutex` held exclusively: removes one idle worker (only `only`
+    // when given); false when none is idle.
+    bool remove_idle_locked(iWorker* only, bool del);
+    void settle_pending_removals();
+    void announce_change();
+
+    std::shared_timed_mutex pool_mutex;
+    std::list<iWorker*> workers;  // in the order they were added
+    std::atomic<int> pending_removals{0};  // removals deferred because every worker was in use
+
+    // Wakes requests that found every worker busy when any worker frees up.
+    std::mutex idle_mutex;
+    std::condition_variable idle_cv;
+    uint64_t idle_epoch = 0;  // guarded by idle_mutex
+};
+
+}  // namespace ff
+
+struct AVFrame;
+
+namespace ff {
+
+// The one instantiation (defined in scheduler.cpp): pools of decoded frames.
+using FrameScheduler = AbstractScheduler<std::shared_ptr<AVFrame>>;
+extern template class AbstractScheduler<std::shared_ptr<AVFrame>>;
+
+// Process-wide registry of pools, keyed by stream. Pools are never erased, so
+// a pool pointer stays valid for the life of the process. `mutex` is held only
+// for the look-up or insertion.
+struct DecoderManager {
+    std::mutex mutex;
+    std::unordered_map<const StreamCtx*, FrameScheduler> pools;
+
+    DecoderManager() : pools(10) {}
+    FrameScheduler* pool_of(const StreamCtx* stream);
+};
+
+extern DecoderManager& g_decoder_mgr;
+
+}  // namespace ff

@@ -1,0 +1,219 @@
+// Asynchronous requests: newest-wins queuing, cancellation, close while
+// requests wait, one worker per decoder, and a storm of requests from many
+// threads over many decoders with positioning, close and reopen.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "engine_support.h"
+#include "ffdecoder.h"
+
+using namespace ff;
+
+namespace {
+
+// A one-shot gate a callback can wait on.
+class Gate {
+public:
+    // Notifies under the lock: once a waiter is through, the opener no longer
+    // touches the gate, which may then go out of scope.
+    void open() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        open_ = true;
+        cv_.notify_all();
+    }
+    bool wait(std::chrono::seconds limit = std::chrono::seconds(30)) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return cv_.wait_for(lock, limit, [this] { return open_; });
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    bool open_ = false;
+};
+
+RequireVideoFrame at_ms(long long ms) {
+    RequireVideoFrame req;
+    req.time = Rational(ms, 1000);
+    req.format = PF_YUV420P;
+    return req;
+}
+
+int yuv_index(const VFrameCtx& p) {
+    const uint8_t* row = p.data[0] + static_cast<size_t>(p.height / 2) * p.linesize[0];
+    int value = 0;
+    for (int bit = 0; bit < 16; ++bit)
+        if (row[(2 * bit + 1) * p.width / 32] > 128) value |= 1 << bit;
+    return value;
+}
+
+}  // namespace
+
+TEST(DecoderAsync, NewestRequestReplacesTheWaitingOnes) {
+    const enginetest::VideoUnderTest v = enginetest::load_video("h264_cfr.mp4");
+    FFDecoder dec;
+    ASSERT_TRUE(dec.open(v.stream));
+    Gate first_running, release_first, last_done;
+    std::mutex mutex;
+    std::vector<int> delivered;
+    dec.getVideoFrameAsync(at_ms(0), [&](std::shared_ptr<VFrameCtx> p) {
+        first_running.open();
+        release_first.wait();
+        std::lock_guard<std::mutex> lock(mutex);
+        delivered.push_back(yuv_index(*p));
+    });
+    ASSERT_TRUE(first_running.wait());
+    for (int i = 1; i <= 9; ++i) {
+        dec.getVideoFrameAsync(at_ms(i * 400), [&, i](std::shared_ptr<VFrameCtx> p) {
+            std::lock_guard<std::mutex> lock(mutex);
+            delivered.push_back(yuv_index(*p));
+            if (i == 9) last_done.open();
+        });
+    }
+    release_first.open();
+    ASSERT_TRUE(last_done.wait());
+    dec.close();  // joins the worker: nothing else can arrive
+    EXPECT_EQ(delivered, (std::vector<int>{0, 90}));
+}
+
+TEST(DecoderAsync, CancelledAndClosedRequestsNeverCallBack) {
+    const enginetest::VideoUnderTest v = enginetest::load_video("h264_cfr.mp4");
+    FFDecoder dec;
+    ASSERT_TRUE(dec.open(v.stream));
+    Gate running, release;
+    std::atomic<int> calls{0};
+    dec.getVideoFrameAsync(at_ms(100), [&](std::shared_ptr<VFrameCtx>) {
+        running.open();
+        release.wait();
+        ++calls;
+    });
+    ASSERT_TRUE(running.wait());
+    std::atomic<bool> cancel{true};
+    RequireVideoFrame cancelled = at_ms(200);
+    cancelled.cancel = &cancel;
+    dec.getVideoFrameAsync(cancelled, [&](std::shared_ptr<VFrameCtx>) { calls += 100; });
+    release.open();
+    dec.close();  // the cancelled one is taken or dropped: either way no call
+    EXPECT_EQ(calls.load(), 1);
+
+    // Queued, then closed before it can run: no call, and the worker is gone.
+    ASSERT_TRUE(dec.reopen());
+    Gate busy, go;
+    dec.getVideoFrameAsync(at_ms(300), [&](std::shared_ptr<VFrameCtx>) {
+        busy.open();
+        go.wait();
+    });
+    ASSERT_TRUE(busy.wait());
+    dec.getVideoFrameAsync(at_ms(400), [&](std::shared_ptr<VFrameCtx>) { calls += 1000; });
+    std::thread closer([&] { dec.close(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    go.open();
+    closer.join();
+    EXPECT_EQ(calls.load(), 1);
+
+    // After reopen a new worker answers, also for positioning's empty callback.
+    ASSERT_TRUE(dec.reopen());
+    dec.pri_seek({1, 1}, true);
+    Gate answered;
+    dec.getVideoFrameAsync(at_ms(2000), [&](std::shared_ptr<VFrameCtx> p) {
+        if (yuv_index(*p) == 50) answered.open();
+    });
+    EXPECT_TRUE(answered.wait());
+    dec.close();  // the worker ends before the gates go
+}
+
+TEST(DecoderAsync, FirstRequestsRacingCreateOneWorkerAndCallbacksMayClose) {
+    const enginetest::VideoUnderTest v = enginetest::load_video("vfr.mkv");
+    auto dec = std::make_unique<FFDecoder>();
+    ASSERT_TRUE(dec->open(v.stream));
+    std::mutex mutex;
+    std::set<std::thread::id> workers;
+    std::atomic<int> answered{0};
+    std::vector<std::thread> threads;
+    std::atomic<bool> start{false};
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            while (!start) std::this_thread::yield();
+            dec->getVideoFrameAsync(at_ms(100 * t), [&](std::shared_ptr<VFrameCtx>) {
+                std::lock_guard<std::mutex> lock(mutex);
+                workers.insert(std::this_thread::get_id());
+                ++answered;
+            });
+        });
+    }
+    start = true;
+    for (auto& th : threads) th.join();
+    dec->pri_seek({0, 1}, false);  // waits for the request mutex, so queued work has a chance to run
+    dec->close();
+    EXPECT_GE(answered.load(), 1);
+    EXPECT_EQ(workers.size(), 1u);
+
+    // A callback that closes its own decoder neither deadlocks nor crashes.
+    ASSERT_TRUE(dec->reopen());
+    Gate closed;
+    dec->getVideoFrameAsync(at_ms(500), [&](std::shared_ptr<VFrameCtx>) {
+        dec->close();
+        closed.open();
+    });
+    EXPECT_TRUE(closed.wait());
+    dec.reset();
+}
+
+TEST(DecoderAsync, StormOfRequestsDeliversOnlyExactFreshPictures) {
+    const enginetest::VideoUnderTest videos[] = {enginetest::load_video("h264_cfr.mp4"),
+                                                 enginetest::load_video("vfr.mkv")};
+    constexpr int kDecoders = 4;
+    std::vector<std::unique_ptr<FFDecoder>> decoders;
+    std::vector<std::mutex> control(kDecoders);           // a close and the issuing of a request never overlap
+    std::vector<std::atomic<int>> epoch(kDecoders);       // bumped by every close
+    for (int i = 0; i < kDecoders; ++i) {
+        decoders.push_back(std::make_unique<FFDecoder>());
+        ASSERT_TRUE(decoders.back()->open(videos[i % 2].stream));
+        epoch[i] = 0;
+    }
+    std::atomic<int> wrong{0}, stale{0}, delivered{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 rng(77 + t);
+            for (int n = 0; n < 600; ++n) {
+                const int i = static_cast<int>(rng() % kDecoders);
+                const auto& v = videos[i % 2];
+                const unsigned op = rng() % 50;
+                if (op == 0) {
+                    // close() returns only after the worker ended, so every
+                    // callback of an earlier request has run by then.
+                    std::lock_guard<std::mutex> lock(control[i]);
+                    decoders[i]->close();
+                    ++epoch[i];
+                    decoders[i]->reopen();
+                    continue;
+                }
+                if (op < 4) {
+                    decoders[i]->pri_seek(Rational(static_cast<long long>(rng() % 3000), 1000), op % 2 == 0);
+                    continue;
+                }
+                const long long ms = static_cast<long long>(rng() % 3200);
+                const RequireVideoFrame req = at_ms(ms);
+                const long long ts = time_to_timestamp(req.time, v.stream->time_base);
+                const int expected = enginetest::expect_down(v, ts).index;
+                std::lock_guard<std::mutex> lock(control[i]);
+                const int issued_epoch = epoch[i];
+                decoders[i]->getVideoFrameAsync(req, [&, i, expected, issued_epoch](std::shared_ptr<VFrameCtx> p) {
+                    ++delivered;
+                    if (yuv_index(*p) != expected) ++wrong;
+                    if (epoch[i] != issued_epoch) ++stale;  // issued before a close, answered after it
+                });
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    for (auto& d : decoders) d->close();
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_EQ(stale.load(), 0);
+    EXPECT_GT(delivered.load(), 0);
+}

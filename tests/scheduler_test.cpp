@@ -1,0 +1,442 @@
+// The decode scheduler, driven by scripted fake workers: which worker serves a
+// request, how a request waits for a busy worker heading to its frame, how a
+// cancelled waiter gives up, which worker a closing decoder removes, and a
+// many-thread soak with workers coming and going.
+//
+// A fake keeps its "cache" as a map of timestamps to frames, guarded by the
+// worker's own mutex like the real task, and can hold a job at a latch so that
+// a test decides when it appends its frame and when it ends.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <future>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern "C" {
+#include <libavutil/frame.h>
+}
+
+#include "decode_counters.h"
+#include "scheduler.h"
+
+namespace {
+
+using Frame = std::shared_ptr<AVFrame>;
+using Worker = ff::FrameScheduler::iWorker;
+
+// Only a guard against a hang: every wait below normally ends at once.
+constexpr auto kGuard = std::chrono::seconds(60);
+
+[[noreturn]] void stuck(const char* what) {
+    std::fprintf(stderr, "scheduler test is stuck (%s); aborting instead of hanging\n", what);
+    std::abort();
+}
+
+// Polls until `pred` holds; the outcome never depends on how long this takes.
+template <typename Pred>
+void wait_until(Pred pred, const char* what) {
+    const auto deadline = std::chrono::steady_clock::now() + kGuard;
+    for (; !pred(); std::this_thread::sleep_for(std::chrono::microseconds(200)))
+        if (std::chrono::steady_clock::now() > deadline) stuck(what);
+}
+
+Frame make_frame(long long pts) {
+    AVFrame* frame = av_frame_alloc();
+    if (!frame) throw std::bad_alloc();
+    frame->pts = pts;
+    return Frame(frame, [](AVFrame* f) { av_frame_free(&f); });
+}
+
+long long target_of(long long ts, bool next) { return next ? ts + 1 : ts; }
+
+// A gate that holds every job reaching it until the test opens it.
+struct Latch {
+    std::atomic<bool> opened{false};
+    void open() { opened = true; }
+    void wait() { wait_until([&] { return opened.load(); }, "latch never opened"); }
+};
+
+struct JobRecord { int worker; long long ts; bool next, locked; int owner; const std::atomic<bool>* cancel; };
+
+// What the fakes did, kept outside them because the pool deletes what it removes.
+struct Tracker {
+    std::mutex m;
+    std::vector<JobRecord> jobs;
+    std::vector<int> gone;
+    std::atomic<int> reentered{0};       // a job started on a worker already running one
+    std::atomic<int> deleted_in_use{0};  // a worker deleted while running, reserved or awaited
+    std::atomic<int> created{0};
+
+    template <typename F>
+    auto locked(F f) -> decltype(f()) {
+        std::lock_guard<std::mutex> lock(m);
+        return f();
+    }
+    std::vector<JobRecord> job_log() { return locked([&] { return jobs; }); }
+    std::vector<int> gone_ids() { return locked([&] { return gone; }); }
+    void wait_jobs(size_t n) { wait_until([&] { return job_log().size() >= n; }, "job never started"); }
+};
+
+// A job "decodes" the requested frame (with `next`, ts + 1) into `held`.
+class FakeWorker : public Worker {
+public:
+    explicit FakeWorker(Tracker& t) : tracker(t) { ++tracker.created; }
+    ~FakeWorker() override {
+        // remove_worker locks and unlocks `mutex` before deleting: plain reads suffice.
+        if (in_job.load() || busy || reserved_by != 0 || waiters != 0) ++tracker.deleted_in_use;
+        tracker.locked([&] { tracker.gone.push_back(id); });
+    }
+
+    // Test-controlled state, guarded by `mutex`.
+    std::map<long long, Frame> held;
+    long long arrive_hi = -1;  // will_contain(ts) for ts <= arrive_hi
+    bool follow = false;       // soak: arriving from the first held frame to just past the last decoded
+    long long last_ts = 0;
+    size_t max_held = 0;    // 0: unbounded
+    long long barren = -1;  // a job for this ts ends without a frame
+    bool throw_in_job = false;
+    Latch* before_append = nullptr;
+    Latch* after_append = nullptr;
+
+    void hold(long long ts) { held[ts] = make_frame(ts); }
+    bool is_empty() const override { return held.empty(); }
+    long long cached_first_ts() const override { return held.empty() ? -1 : held.begin()->first; }
+    bool is_contain(long long ts, bool next) override { return held.count(target_of(ts, next)) != 0; }
+    bool will_contain(long long ts) override {
+        return follow ? !held.empty() && ts >= held.begin()->first && ts <= last_ts + 4 : ts <= arrive_hi;
+    }
+    Frame get_exist_resource(long long ts, bool next) override {
+        return is_contain(ts, next) ? held[target_of(ts, next)] : nullptr;
+    }
+    Frame do_job(long long ts, bool locked, std::atomic<bool>* cancel, bool next) override {
+        if (!locked) mutex.lock();
+        std::unique_lock<std::mutex> lock(mutex, std::adopt_lock);
+        if (throw_in_job) throw std::bad_alloc();  // `lock` still gives the mutex back
+        if (in_job.exchange(true)) return ++tracker.reentered, nullptr;  // keep out of the first job's cache
+        tracker.locked([&] { tracker.jobs.push_back({id, ts, next, locked, owner, cancel}); });
+        auto pause = [&](Latch* gate) {  // a real task gives its mutex up while it decodes, and says so
+            lock.unlock();
+            cond.notify_all();
+            if (gate) gate->wait(); else std::this_thread::yield();
+            lock.lock();
+        };
+        if (before_append || follow) pause(before_append);
+        Frame answer;
+        if (ts != barren) {
+            last_ts = target_of(ts, next);
+            held[last_ts] = answer = make_frame(last_ts);
+            if (max_held && held.size() > max_held) held.erase(held.begin());
+            cond.notify_all();
+        }
+        if (after_append) pause(after_append);
+        in_job = false;
+        return answer;
+    }
+
+private:
+    Tracker& tracker;
+    std::atomic<bool> in_job{false};
+};
+
+template <typename F>
+auto with_lock(FakeWorker* w, F f) -> decltype(f(*w)) {
+    std::lock_guard<std::mutex> lock(w->mutex);
+    return f(*w);
+}
+int waiters_of(FakeWorker* w) { return with_lock(w, [](FakeWorker& x) { return x.waiters; }); }
+long long pts(const Frame& f) { return f ? f->pts : -1; }
+
+// A request on its own thread, so that the test can hold jobs meanwhile.
+struct Async {
+    std::future<Frame> result;
+    Async(ff::FrameScheduler& s, long long ts, int owner, std::atomic<bool>* cancel = nullptr, bool next = false)
+        : result(std::async(std::launch::async, [=, &s] { return s.do_working(ts, cancel, next, owner, "dec"); })) {}
+    ~Async() { if (result.valid()) get(); }
+    bool finished() { return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
+    Frame get() {
+        if (result.wait_for(kGuard) != std::future_status::ready) stuck("request never returned");
+        return result.get();
+    }
+};
+
+// Workers left at the end of a test are removed (and so deleted) here.
+struct Pool {
+    Tracker t;  // first: outlives the workers deleted below
+    ff::FrameScheduler sched;
+
+    FakeWorker* add(const std::function<void(FakeWorker&)>& setup = {}) {
+        auto* w = new FakeWorker(t);
+        if (setup) setup(*w);  // not shared yet
+        sched.add_worker(w);
+        return w;
+    }
+    Frame get(long long ts, int owner, bool next = false, std::atomic<bool>* cancel = nullptr) {
+        return Async(sched, ts, owner, cancel, next).get();
+    }
+    ~Pool() { for (size_t n = sched.worker_count(); n > 0; --n) sched.remove_worker(nullptr, true); }
+};
+
+struct Counts { uint64_t jobs, hits, waits; };
+Counts counts_now() {
+    ff::DecodeCounters& c = ff::decode_counters();
+    return {c.jobs.load(), c.cache_hits.load(), c.waits.load()};
+}
+
+template <typename F>
+std::string stdout_of(F f) {
+    std::fflush(stdout);
+    testing::internal::CaptureStdout();
+    f();
+    std::fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
+}  // namespace
+
+TEST(SchedulerChoice, PicksWorkerInPreferenceOrder) {
+    struct W { std::vector<long long> holds; bool arriving; int owner; int64_t last_used; };
+    struct Case { const char* what; std::vector<W> workers; size_t expected; bool next = false; };
+    const W empty{{}, false, 0, 0};
+    const std::vector<W> holders{empty, {{100, 101}, false, 0, 0}, {{50}, true, 1, 0}, {{100}, false, 0, 0}};
+    // Decoder 1 asks for frame 100 (or the one after it); arriving workers head up to 200.
+    const Case cases[] = {
+        {"holding first, the last holder added", holders, 3},
+        {"holding the frame after ts", holders, 1, true},
+        {"arriving own, list order", {{{95}, true, 2, 0}, {{60}, true, 1, 0}, empty, {{70}, true, 1, 0}}, 1},
+        {"arriving other: latest cache, before empty and own",
+         {{{50}, true, 2, 0}, {{80}, true, 3, 0}, {{60}, true, 2, 0}, empty, {{1000}, false, 1, 0}}, 1},
+        {"arriving other, equal caches: later added", {{{80}, true, 2, 0}, {{80}, true, 3, 0}}, 1},
+        {"first empty before own and LRU", {{{1000}, false, 1, 5}, {{2000}, false, 2, 1}, empty, empty}, 2},
+        {"own before LRU", {{{1000}, false, 2, 10}, {{2000}, false, 1, 500}, {{3000}, false, 3, 20}}, 1},
+        {"least recently used", {{{1000}, false, 2, 300}, {{2000}, false, 3, 100}, {{3000}, false, 4, 200}}, 1},
+        {"LRU equals: later added", {{{1000}, false, 2, 300}, {{2000}, false, 3, 100}, {{3000}, false, 4, 100}}, 2},
+        {"a lone worker takes everything", {{{1000}, false, 9, 1}}, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Pool p;
+        std::vector<FakeWorker*> ws;
+        for (const W& w : c.workers) {
+            ws.push_back(p.add([&](FakeWorker& x) {
+                for (long long ts : w.holds) x.hold(ts);
+                x.arrive_hi = w.arriving ? 200 : -1;
+                x.owner = w.owner;
+                x.last_used = w.last_used;
+            }));
+        }
+        FakeWorker* want = ws[c.expected];
+        const Frame cached = with_lock(want, [&](FakeWorker& x) { return x.get_exist_resource(100, c.next); });
+        const Counts c0 = counts_now();
+        const Frame f = p.get(100, 1, c.next);
+        const std::vector<JobRecord> log = p.t.job_log();
+        EXPECT_EQ(pts(f), target_of(100, c.next));
+        EXPECT_TRUE(!cached || f == cached);  // a hit answers the cached object itself, without a job
+        EXPECT_EQ(counts_now().jobs, c0.jobs + log.size());
+        EXPECT_EQ(log.size(), cached ? 0u : 1u);
+        for (const JobRecord& r : log) EXPECT_TRUE(r.worker == want->id && r.owner == 1);
+    }
+}
+
+TEST(SchedulerChoice, EmptyPoolJobContractAndFailingJob) {
+    Pool p;
+    const std::string out = stdout_of([&] { EXPECT_EQ(p.get(100, 1), nullptr); });
+    EXPECT_NE(out.find("\"worker-list empty\"\n"), std::string::npos) << out;
+
+    FakeWorker* w = p.add();
+    std::atomic<bool> cancel{false};
+    const int64_t before = static_cast<int64_t>(std::time(nullptr));
+    const Frame f = p.get(100, 3, true, &cancel);
+    EXPECT_EQ(pts(f), 101);
+    const JobRecord r = p.t.job_log().at(0);
+    EXPECT_TRUE(r.worker == w->id && r.ts == 100 && r.next && r.locked && r.owner == 3 && r.cancel == &cancel);
+    with_lock(w, [&](FakeWorker& x) { EXPECT_TRUE(!x.busy && x.owner == 3 && x.last_used >= before); });
+    EXPECT_EQ(p.get(100, 4, true), f);  // now from its cache
+
+    // A job that throws answers nothing and leaves the worker idle.
+    with_lock(w, [](FakeWorker& x) { x.throw_in_job = true; });
+    EXPECT_EQ(p.get(700, 1), nullptr);
+    with_lock(w, [](FakeWorker& x) {
+        EXPECT_FALSE(x.busy);
+        x.throw_in_job = false;
+    });
+    EXPECT_EQ(pts(p.get(800, 1)), 800);
+    EXPECT_EQ(p.t.job_log().size(), 2u);
+}
+
+// A request waits for a busy worker heading to its frame (an idle one could
+// decode it, but would seek). Modes: the job appends the frame or ends without
+// it (the waiter takes the worker over); the waiter is cancelled or not.
+TEST(SchedulerWait, WaiterGetsFrameTakesOverOrGivesUpWhenCancelled) {
+    for (int mode = 0; mode < 4; ++mode) {
+        const bool barren = mode & 1, cancelled = mode & 2;
+        SCOPED_TRACE(mode);
+        Latch gate, finish;
+        Pool p;
+        FakeWorker* busy = p.add([&](FakeWorker& x) {
+            x.arrive_hi = 200;
+            x.barren = 90;
+            x.before_append = &gate;
+            x.after_append = &finish;
+        });
+        const Counts c0 = counts_now();
+        Async a(p.sched, barren ? 90 : 100, 1);
+        p.t.wait_jobs(1);
+        p.add();
+        std::atomic<bool> cancel{false};
+        Async b(p.sched, 100, 2, &cancel);
+        wait_until([&] { return waiters_of(busy) > 0; }, "request never waited");
+        Frame fb;
+        const std::string out = stdout_of([&] {
+            cancel = cancelled;
+            if (!cancelled || barren) gate.open();
+            if (barren) finish.open();
+            with_lock(busy, [](FakeWorker& x) { x.cond.notify_all(); });  // as a task giving its mutex up
+            fb = b.get();
+        });
+        EXPECT_TRUE(barren || !a.finished());  // still held at a latch
+        gate.open();
+        finish.open();
+        const Frame fa = a.get();
+        const Counts c1 = counts_now();
+        const std::vector<JobRecord> log = p.t.job_log();
+        EXPECT_EQ(pts(fa), barren ? -1 : 100);
+        EXPECT_EQ(pts(fb), cancelled ? -1 : 100);
+        EXPECT_TRUE(cancelled || barren || fb == fa);  // the appended frame, taken mid-job
+        char line[128];
+        std::snprintf(line, sizeof line, "\"worker cancelled: %p, %s\"\n", static_cast<Worker*>(busy), busy->name);
+        EXPECT_EQ(out.find(line) != std::string::npos, cancelled) << out;
+        ASSERT_EQ(log.size(), barren && !cancelled ? 2u : 1u);
+        for (size_t i = 0; i < log.size(); ++i) EXPECT_TRUE(log[i].worker == busy->id && log[i].owner == int(i) + 1);
+        EXPECT_EQ(c1.jobs, c0.jobs + log.size());
+        EXPECT_EQ(c1.waits, c0.waits + 1);
+        EXPECT_EQ(c1.hits, c0.hits + (barren || cancelled ? 0 : 1));
+        with_lock(busy, [&](FakeWorker& x) {
+            EXPECT_TRUE(!x.busy && x.waiters == 0);
+            EXPECT_EQ(x.held.count(100), cancelled && barren ? 0u : 1u);
+        });
+    }
+}
+
+TEST(SchedulerRemoval, RemovesOnlyTheLeastRecentlyUsedIdleWorker) {
+    {  // Running and awaited, waited on, or reserved by a walk: never a victim.
+        Latch gate;
+        Pool p;
+        FakeWorker* busy = p.add([&](FakeWorker& x) { x.arrive_hi = 200, x.before_append = &gate; });
+        Async a(p.sched, 100, 1);
+        p.t.wait_jobs(1);
+        FakeWorker* awaited = p.add([](FakeWorker& x) { x.last_used = 10, x.waiters = 1; });
+        FakeWorker* reserved = p.add([](FakeWorker& x) { x.last_used = 20, x.reserved_by = ~uint64_t{0}; });
+        FakeWorker* w500 = p.add([](FakeWorker& x) { x.hold(5000), x.last_used = 500; });
+        FakeWorker* w400 = p.add([](FakeWorker& x) { x.hold(4000), x.last_used = 400; });
+        const std::vector<int> ids{w400->id, w500->id, awaited->id, reserved->id, busy->id};
+        with_lock(busy, [](FakeWorker& x) { x.last_used = 1; });
+        Async b(p.sched, 100, 2);
+        wait_until([&] { return waiters_of(busy) > 0; }, "request never waited");
+        p.sched.remove_worker(busy, true);  // only that one, and it is in use
+        EXPECT_TRUE(p.t.gone_ids().empty());
+        p.sched.remove_worker(nullptr, true);
+        p.sched.remove_worker(nullptr, true);
+        EXPECT_EQ(p.t.gone_ids(), std::vector<int>(ids.begin(), ids.begin() + 2));
+        EXPECT_EQ(p.sched.worker_count(), 3u);
+        gate.open();
+        const Frame fa = a.get();
+        EXPECT_EQ(pts(fa), 100);
+        EXPECT_EQ(b.get(), fa);
+        with_lock(awaited, [](FakeWorker& x) { x.waiters = 0; });
+        with_lock(reserved, [](FakeWorker& x) { x.reserved_by = 0; });
+        for (int i = 0; i < 3; ++i) p.sched.remove_worker(nullptr, true);
+        EXPECT_EQ(p.t.gone_ids(), ids);
+        EXPECT_EQ(p.t.deleted_in_use.load(), 0);
+    }
+    {  // The second request passes the busy first worker over. Every worker
+       // busy: nothing goes now, one idle worker as soon as a job ends.
+        Latch gate;
+        Pool p;
+        p.add([&](FakeWorker& x) { x.before_append = &gate; });
+        const int second = p.add([&](FakeWorker& x) { x.before_append = &gate; })->id;
+        Async a(p.sched, 10, 1);
+        p.t.wait_jobs(1);
+        Async c(p.sched, 20, 2);
+        p.t.wait_jobs(2);
+        p.sched.remove_worker(nullptr, true);
+        EXPECT_EQ(p.sched.worker_count(), 2u);
+        EXPECT_TRUE(p.t.gone_ids().empty());
+        gate.open();
+        EXPECT_EQ(pts(a.get()) + pts(c.get()), 30);
+        EXPECT_EQ(p.t.job_log().at(1).worker, second);
+        EXPECT_EQ(p.sched.worker_count(), 1u);
+        EXPECT_EQ(p.t.gone_ids().size(), 1u);
+        EXPECT_EQ(p.t.deleted_in_use.load(), 0);
+    }
+}
+
+TEST(SchedulerStress, ManyThreadsWithWorkersComingAndGoing) {
+    constexpr int kThreads = 8, kRequests = 1500;
+    Pool p;
+    auto add_follower = [&] { p.add([](FakeWorker& w) { w.follow = true, w.max_held = 6; }); };
+    for (int i = 0; i < 3; ++i) add_follower();
+    auto lcg = [](uint64_t& x) { return x = x * 6364136223846793005ull + 1442695040888963407ull; };
+    std::atomic<int> wrong{0};
+    const Counts c0 = counts_now();
+    auto run = std::async(std::launch::async, [&] {
+        std::atomic<bool> stop{false};
+        std::thread churn([&] {
+            // Decoders opening (a worker more) and closing (a removal, maybe
+            // deferred), never fewer than two open.
+            int open = 3;
+            for (uint64_t x = 12345; !stop.load(); std::this_thread::yield()) {
+                const bool opening = (lcg(x) >> 40) % 2 == 0;
+                if (opening && open < 6) add_follower(), ++open;
+                if (!opening && open > 2) p.sched.remove_worker(nullptr, true), --open;
+            }
+        });
+        std::vector<std::thread> requesters;
+        for (int k = 0; k < kThreads; ++k) {
+            requesters.emplace_back([&, k] {
+                // Pairs of decoders play over one region, mostly forward with
+                // the odd jump, so frames are shared and waited for.
+                uint64_t x = 0x9E3779B97F4A7C15ull * static_cast<uint64_t>(k + 1);
+                long long cursor = 0;
+                for (int i = 0; i < kRequests; ++i) {
+                    const uint64_t r = lcg(x) >> 33;
+                    cursor = r % 16 == 0 ? static_cast<long long>((r >> 8) % 300) : cursor + 1;
+                    const bool next = (r >> 4) % 7 == 0;
+                    const long long ts = (k / 2) * 10000 + cursor;
+                    if (pts(p.sched.do_working(ts, nullptr, next, k + 1, "dec_stress")) != target_of(ts, next)) ++wrong;
+                }
+            });
+        }
+        for (std::thread& th : requesters) th.join();
+        stop = true;
+        churn.join();
+    });
+    if (run.wait_for(kGuard) != std::future_status::ready) stuck("requests deadlocked");
+    run.get();
+
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_EQ(p.t.reentered.load(), 0) << "two jobs ran on one worker at once";
+    const Counts c1 = counts_now();
+    EXPECT_EQ((c1.jobs - c0.jobs) + (c1.hits - c0.hits), uint64_t{kThreads} * kRequests);  // each answered once
+    EXPECT_EQ(c1.jobs - c0.jobs, p.t.job_log().size());
+    EXPECT_GT(c1.hits - c0.hits, 0u);
+
+    // All idle now: every worker can be removed and is deleted once.
+    for (size_t n = p.sched.worker_count(); n > 0; --n) p.sched.remove_worker(nullptr, true);
+    EXPECT_EQ(p.sched.worker_count(), 0u);
+    const std::vector<int> gone = p.t.gone_ids();
+    EXPECT_EQ(gone.size(), static_cast<size_t>(p.t.created.load()));
+    EXPECT_EQ(std::set<int>(gone.begin(), gone.end()).size(), gone.size());
+    EXPECT_EQ(p.t.deleted_in_use.load(), 0);
+}
