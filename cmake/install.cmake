@@ -7,10 +7,12 @@ include(CMakePackageConfigHelpers)
 set(CLIPDEC_PUBLIC_HEADERS
   clipdec.h
   clipdec_export.h
+  audio_mixer.h
   rational.h
   range.h
   ff_tools.h
   ffdecoder.h
+  ffdecoder2.h
   frame_records.h
   movie_info.h
   utils/bg_time.h

@@ -1,9 +1,11 @@
 // Umbrella header: the whole public interface of the library.
 #pragma once
 
+#include "audio_mixer.h"
 #include "clipdec_export.h"
 #include "ff_tools.h"
 #include "ffdecoder.h"
+#include "ffdecoder2.h"
 #include "frame_records.h"
 #include "movie_info.h"
 #include "range.h"

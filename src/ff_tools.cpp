@@ -1,7 +1,13 @@
 #include "ff_tools.h"
 
+#include <algorithm>
+#include <cmath>
+#include <memory>
+
+#include "audio_mixer.h"
 #include "ffdecoder.h"
 #include "hw/hw_decoder.h"
+#include "log.h"
 #include "utils/mempool.h"
 
 namespace ff {
@@ -53,6 +59,90 @@ int getImageDivider(MemoryMode mode, int width, int height) {
         default:
             return 1;
     }
+}
+
+// The thumbnail divider for a src_width x src_height stream and a target of
+// width x height (<= 0: no limit). Not exported; the tests reach it through
+// the static archive.
+int movie_image_divider(int src_width, int src_height, int width, int height) {
+    int divider = 1;
+    if (width > 0 && width < src_width) {
+        // The smallest k >= 2 with src_width / k <= width, found directly
+        // rather than by counting up from 2.
+        const int k = std::max(2, src_width / (width + 1) + 1);
+        // One step less when the picture would come out under half the target.
+        divider = width / 2 > src_width / k ? k - 1 : k;
+    }
+    if (height > 0) {
+        if (src_height / divider > height) divider = src_height / (height + 1) + 1;
+        if (divider > 1 && height / 2 > src_height / divider) --divider;
+    }
+    return divider;
+}
+
+namespace {
+
+// A double as microseconds, truncated toward zero; out-of-range values
+// (an unknown duration times a ratio, NaN) give the nearest representable time.
+int64_t truncate_to_int64(double v) {
+    if (std::isnan(v)) return 0;
+    if (v >= 9.2233720368547758e18) return INT64_MAX;
+    if (v <= -9.2233720368547758e18) return INT64_MIN;
+    return static_cast<int64_t>(v);
+}
+
+// The first video stream of `movie` whose decoder opens, or null.
+std::unique_ptr<FFDecoder> open_first_video(const MovieCtx* movie) {
+    std::unique_ptr<FFDecoder> chosen;
+    const int count = std::min(movie->nb_video, kMaxStreamsPerType);
+    for (int i = 0; i < count; ++i) {
+        const int position = movie->video_indexes[i];
+        if (position < 0 || position >= movie->nb_streams || !movie->streams[position]) continue;
+        auto decoder = std::make_unique<FFDecoder>();
+        // Every video stream gets its decoder opened, in probe order; the
+        // first one that opens serves, the others are let go at once rather
+        // than held until the picture is taken.
+        if (decoder->open(movie->streams[position]) && !chosen) chosen = std::move(decoder);
+    }
+    return chosen;
+}
+
+}  // namespace
+
+std::shared_ptr<VFrameCtx> getMovieImage(const char* path, const RequireMvImage& req, Rational* duration) {
+    Rational unused;
+    if (!duration) duration = &unused;
+
+    MovieCtx* movie = FFDecoder::probe(path, req.cancel);
+    if (!movie) {
+        CLIPDEC_LOG(kLogError, kTagDefault, "@@获取视频封面和信息失败：%s", path ? path : "(null)");
+        return {};
+    }
+    *duration = Rational(movie->duration, 1000000);
+    if (movie->nb_video <= 0) return {};
+
+    std::unique_ptr<FFDecoder> decoder = open_first_video(movie);
+    if (!decoder) return {};
+
+    const StreamCtx* stream = decoder->streamContex();
+    RequireVideoFrame frame_req;
+    frame_req.time = req.time.den != 0
+                         ? req.time
+                         : Rational(truncate_to_int64(static_cast<double>(movie->duration) * req.ratio), 1000000);
+    frame_req.format = req.format;
+    frame_req.divider = movie_image_divider(stream->width, stream->height, req.width, req.height);
+    frame_req.cancel = req.cancel;
+    // The picture's memory belongs to the record, so it survives the decoder.
+    return decoder->getVideoFrame(frame_req);
+}
+
+int getAudioPeak(std::shared_ptr<AFrameCtx> frame, int scale) {
+    if (!frame) return 0;
+    const SDL_AudioFormat format = get_sdl_audio_fmt(avsamplefmt_to_samplefmt(frame->format));
+    const auto* bytes = static_cast<const unsigned char*>(frame->planar ? frame->data[0] : frame->buffer);
+    const int len = frame->planar ? frame->linesize[0] : frame->size;
+    if (!bytes || len <= 0) return 0;
+    return Audio_Volume_Peak(format, bytes, static_cast<unsigned>(len), scale);
 }
 
 MovieCtx* getMovieInfo(const char* path, std::atomic<bool>* cancel) { return FFDecoder::probe(path, cancel); }

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "clipdec_export.h"
@@ -33,6 +34,30 @@ CLIPDEC_API void setExportMVSize(int width, int height);
 // MM_EXPORT the pixel-count ratio to the export size, rounded half up (1 when
 // no export size is set or the picture is not larger); any other mode 1.
 CLIPDEC_API int getImageDivider(MemoryMode mode, int width, int height);
+
+// A thumbnail request: one picture of a movie, shrunk by a whole divider to
+// about a target size.
+struct RequireMvImage {
+    double ratio = 0.5;                     // position as a fraction of the duration; used when `time` is undefined
+    Rational time{0, 0};                    // seconds; a zero denominator means no time is given
+    int width = 0;                          // target width in pixels; <= 0: no width limit
+    int height = 0;                         // target height in pixels; <= 0: no height limit
+    PixelFormat format = PF_RGBA;
+    std::atomic<bool>* cancel = nullptr;    // handed to the probe and to the picture request
+};
+
+// One picture of the movie at `path`, or empty. Probes the file, decodes on
+// its first video stream that opens, at req.time (or at req.ratio of the
+// duration), with the largest divider that keeps the picture at about the
+// target size and not under half of it. `*duration` (may be null) receives
+// the movie's duration as {microseconds, 1000000} once the probe succeeded,
+// even when no picture results. The picture outlives the decoder that made it.
+CLIPDEC_API std::shared_ptr<VFrameCtx> getMovieImage(const char* path, const RequireMvImage& req, Rational* duration);
+
+// The peak level of an audio record on the scale 0 .. `scale` (see
+// Audio_Volume_Peak); for planar records the first plane only. 0 for an
+// empty pointer or a record without samples.
+CLIPDEC_API int getAudioPeak(std::shared_ptr<AFrameCtx> frame, int scale);
 
 // FFDecoder::probe under a second name.
 CLIPDEC_API MovieCtx* getMovieInfo(const char* path, std::atomic<bool>* cancel);

@@ -1,0 +1,157 @@
+// Movie thumbnails: the divider rules, the picture every video file of the
+// test set gives at a time and at a fraction of its duration (checked against
+// a plain sequential decode), the reported duration, and the failures.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <string>
+
+#include "engine_support.h"
+#include "ff_tools.h"
+#include "ffdecoder.h"
+#include "media.h"
+
+using namespace ff;
+
+namespace ff {
+// Internal to ff_tools.cpp; reachable through the static archive.
+int movie_image_divider(int src_width, int src_height, int width, int height);
+}  // namespace ff
+
+namespace {
+
+// The index an RGBA picture shows: middle row, bar k's centre, red above 128.
+int rgba_index(const VFrameCtx& p) {
+    const uint8_t* row = p.data[0] + static_cast<size_t>(p.height / 2) * p.linesize[0];
+    int value = 0;
+    for (int bit = 0; bit < 16; ++bit)
+        if (row[((2 * bit + 1) * p.width / 32) * 4] > 128) value |= 1 << bit;
+    return value;
+}
+
+int round_up(int v, int m) { return (v + m - 1) / m * m; }
+
+RequireMvImage request(int width, int height) {
+    RequireMvImage req;
+    req.width = width;
+    req.height = height;
+    req.format = PF_RGBA;
+    return req;
+}
+
+struct Target {
+    int width, height;
+    int divider_320x240;  // worked out by hand from the rules
+    int divider_64x64;
+};
+
+}  // namespace
+
+TEST(ThumbnailDivider, FollowsTheWidthThenHeightRules) {
+    EXPECT_EQ(movie_image_divider(1920, 1080, 320, 180), 6);
+    // 5 from the width (384 wide), lowered to 4: 1080 / 5 = 216 is under half of 1000.
+    EXPECT_EQ(movie_image_divider(1920, 1080, 400, 1000), 4);
+    EXPECT_EQ(movie_image_divider(1920, 1080, 0, 0), 1);
+    EXPECT_EQ(movie_image_divider(1920, 1080, -5, -5), 1);
+    EXPECT_EQ(movie_image_divider(1920, 1080, 1920, 0), 1);  // not narrower than the stream
+    // Height alone: 1080 / 7 = 154 <= 160; 80 > 154 false -> 7.
+    EXPECT_EQ(movie_image_divider(1920, 1080, 0, 160), 7);
+    // The height step lowers what the width chose: 1080 / 4 = 270 is under half of 600 -> 3.
+    EXPECT_EQ(movie_image_divider(1920, 1080, 500, 600), 3);
+    // ... and raises it: 1080 / 6 = 180 > 100 until D = 11 (98).
+    EXPECT_EQ(movie_image_divider(1920, 1080, 320, 100), 11);
+    // A huge frame against a 1-pixel target: 2^30 / 2^29 = 2 is still too wide.
+    EXPECT_EQ(movie_image_divider(1 << 30, 16, 1, 0), (1 << 29) + 1);
+}
+
+TEST(Thumbnail, EveryVideoFileGivesThePredictedPictureAtTheDividedSize) {
+    // raw.h264 is left out: an elementary stream without an index cannot be
+    // positioned, so the decoder gives it no picture past its start.
+    const char* files[] = {"h264_cfr.mp4", "h264_23976.mp4",      "vfr.mkv",   "ts_offset.ts",
+                           "vp9_opus.webm", "rotated.mp4",        "subs.mkv",  "nodecoder_first.mp4",
+                           "still.png",    "mp3_cover.mp3"};
+    // 320x240: 160x120 -> 2; 100 wide -> 320/4 = 80 <= 100 -> 4; 50 high -> 240/5 = 48 -> 5.
+    // 64x64: only the height limit of 50 bites: 64/2 = 32 -> 2.
+    const Target targets[] = {{160, 120, 2, 1}, {100, 0, 4, 1}, {0, 50, 5, 2}, {0, 0, 1, 1}};
+    for (const char* name : files) {
+        const enginetest::VideoUnderTest v = enginetest::load_video(name);
+        ASSERT_NE(v.stream, nullptr) << name;
+        ASSERT_FALSE(v.reference.empty()) << name;
+        const MovieCtx* movie = v.stream->movie;
+        ASSERT_NE(movie, nullptr) << name;
+        const int sw = v.stream->width, sh = v.stream->height;
+        ASSERT_TRUE((sw == 320 && sh == 240) || (sw == 64 && sh == 64)) << name << " " << sw << "x" << sh;
+        const long long start = v.stream->start_time == kNoPts ? 0 : v.stream->start_time;
+
+        int turn = 0;
+        for (const Target& t : targets) {
+            const int d = sw == 320 ? t.divider_320x240 : t.divider_64x64;
+            // Once at a time given in seconds (ratio ignored), once at a fraction.
+            for (bool by_ratio : {false, true}) {
+                RequireMvImage req = request(t.width, t.height);
+                req.ratio = by_ratio ? 0.3 + 0.1 * turn : 0.95;
+                req.time = by_ratio ? Rational(0, 0) : Rational(200 + 450 * turn, 1000);
+                const Rational wanted =
+                    by_ratio ? Rational(static_cast<long long>(static_cast<double>(movie->duration) * req.ratio),
+                                        1000000)
+                             : req.time;
+                Rational duration(-1, 1);
+                const auto picture = getMovieImage(testmedia::path(name).c_str(), req, &duration);
+                const std::string where = std::string(name) + " target " + std::to_string(t.width) + "x" +
+                                          std::to_string(t.height) + (by_ratio ? " ratio" : " time");
+                ASSERT_NE(picture, nullptr) << where;
+                EXPECT_EQ(duration.num, movie->duration) << where;
+                EXPECT_EQ(duration.den, 1000000) << where;
+                EXPECT_EQ(picture->divider, d) << where;
+                EXPECT_EQ(picture->src_width, sw) << where;
+                EXPECT_EQ(picture->width, d > 1 ? round_up(sw / d, 16) : sw) << where;
+                EXPECT_EQ(picture->height, d > 1 ? round_up(sh / d, 2) : sh) << where;
+                const long long ts = time_to_timestamp(wanted, v.stream->time_base) + start;
+                EXPECT_EQ(rgba_index(*picture), enginetest::expect_down(v, ts).index) << where;
+            }
+            ++turn;
+        }
+    }
+}
+
+TEST(Thumbnail, FailuresLeaveOrSetTheDurationAsDocumented) {
+    testmedia::LogCapture log;
+    const std::string missing = testmedia::path("no_such_file.mp4");
+    Rational duration(7, 3);
+    EXPECT_EQ(getMovieImage(missing.c_str(), request(0, 0), &duration), nullptr);
+    EXPECT_EQ(duration.num, 7);
+    EXPECT_EQ(duration.den, 3);
+    EXPECT_NE(log.take().find("\"@@获取视频封面和信息失败：" + missing + "\"\n"), std::string::npos);
+    EXPECT_EQ(getMovieImage(nullptr, request(0, 0), &duration), nullptr);
+    EXPECT_EQ(getMovieImage(testmedia::path("empty.mp4").c_str(), request(0, 0), nullptr), nullptr);
+    EXPECT_EQ(duration.num, 7);
+
+    // Audio only: no picture, but the duration is known.
+    const std::string audio = testmedia::path("aac.m4a");
+    const MovieCtx* mv = FFDecoder::probe(audio.c_str(), nullptr);
+    ASSERT_NE(mv, nullptr);
+    EXPECT_EQ(getMovieImage(audio.c_str(), request(0, 0), &duration), nullptr);
+    EXPECT_EQ(duration.num, mv->duration);
+    EXPECT_EQ(duration.den, 1000000);
+
+    // A video without frames, an unknown duration times a ratio, a raised cancel flag.
+    const std::string header = testmedia::path("header_only.mp4");
+    duration = Rational(7, 3);
+    const auto none = getMovieImage(header.c_str(), request(0, 0), &duration);
+    if (const MovieCtx* h = FFDecoder::probe(header.c_str(), nullptr)) {
+        EXPECT_EQ(duration.num, h->duration);
+    }
+    EXPECT_EQ(none, nullptr);
+    const std::string video = testmedia::path("h264_cfr.mp4");
+    RequireMvImage odd = request(0, 0);
+    odd.ratio = std::nan("");
+    EXPECT_NE(getMovieImage(video.c_str(), odd, nullptr), nullptr);  // NaN position reads as 0 s
+    std::atomic<bool> cancel{true};
+    RequireMvImage cancelled = request(0, 0);
+    cancelled.cancel = &cancel;
+    duration = Rational(7, 3);
+    EXPECT_EQ(getMovieImage(video.c_str(), cancelled, &duration), nullptr);
+    EXPECT_EQ(duration.den, 1000000);
+    log.take();
+}
