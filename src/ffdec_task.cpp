@@ -186,7 +186,7 @@ std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std
         if (!seeked) at_begin = true;
     }
 
-    UniqueAVPacket pkt = make_packet();
+    AVPacket* pkt = packet.get();
     std::shared_ptr<AVFrame> frame = create_avframe_ptr(av_frame_alloc());
     if (!pkt || !frame) return {};
     int errors = 0;
@@ -194,7 +194,7 @@ std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std
     std::shared_ptr<AVFrame> answer;
     for (;;) {
         if (cancelled(cancel)) break;
-        const int ret = instance->get_frame(pkt.get(), frame.get());
+        const int ret = instance->get_frame(pkt, frame.get());
         const bool eof = ret == AVERROR_EOF;
         if (ret < 0 && !eof) {
             CLIPDEC_LOG(kLogError, kTagDefault, "failed to dec frame: %s", ffmpeg_error(ret));
@@ -276,12 +276,11 @@ std::shared_ptr<AVFrame> FFDec_Task::get_next_frame(std::atomic<bool>* cancel, b
         if (later != frames.end()) {
             answer = *later;
         } else {
-            UniqueAVPacket pkt = make_packet();
             std::shared_ptr<AVFrame> frame = create_avframe_ptr(av_frame_alloc());
             int errors = 0;
-            while (pkt && frame) {
+            while (packet && frame) {
                 if (cancelled(cancel)) break;
-                const int ret = instance->get_frame(pkt.get(), frame.get());
+                const int ret = instance->get_frame(packet.get(), frame.get());
                 if (ret == AVERROR_EOF) {
                     if (!frames.empty()) {
                         at_end = true;

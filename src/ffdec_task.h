@@ -17,6 +17,7 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
+#include "ff_ptr.h"
 #include "scheduler.h"
 
 namespace ff {
@@ -76,6 +77,9 @@ public:
     bool broken = false;           // end of stream with nothing cached: answers nothing
     unsigned max_frames = 0;
     bool in_job = false;           // a request is running pri_get_frame
+    // Packet space for the instance's reads, kept across calls so that a
+    // steady stream of requests allocates none.
+    UniqueAVPacket packet = make_packet();
 
 private:
     enum class SeekResult { Sought, Rewound, Lost };

@@ -284,10 +284,22 @@ std::shared_ptr<AFrameCtx> FFDecoder::pri_getAudioFrame(const RequireAudioFrame&
     if (drain > 0) av_audio_fifo_drain(d->fifo, static_cast<int>(std::min<long long>(drain, INT32_MAX)));
     d->audio_range = req.range;
 
-    // Filled from the queue at once: no need to clear it first.
-    std::shared_ptr<AVFrame> span =
-        create_avframe_buffers(st->channels, st->sample_rate, stream_format, static_cast<int>(need));
-    if (!span) return {};
+    // Filled from the queue at once: no need to clear it first. Without a
+    // filter the frame only feeds the resampler, so the decoder keeps it for
+    // the next span; a filter takes the frame over, so it gets a fresh one.
+    std::shared_ptr<AVFrame> span;
+    if (!d->filter && d->span_frame && d->span_capacity >= need && d->span_frame->format == stream_format &&
+        compat_frame_channels(d->span_frame.get()) == st->channels) {
+        span = d->span_frame;
+        span->nb_samples = static_cast<int>(need);
+    } else {
+        span = create_avframe_buffers(st->channels, st->sample_rate, stream_format, static_cast<int>(need));
+        if (!span) return {};
+        if (!d->filter) {
+            d->span_frame = span;
+            d->span_capacity = static_cast<int>(need);
+        }
+    }
     const int got = av_audio_fifo_read(d->fifo, reinterpret_cast<void**>(span->extended_data), static_cast<int>(need));
     if (got < 0) {
         CLIPDEC_LOG(kLogError, d->name, "audio io read failed: %s", ffmpeg_error(got));

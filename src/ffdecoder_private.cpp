@@ -209,6 +209,8 @@ void FFDecoderPrivate::reset_resampler_fifo() {
     if (out_fifo) av_audio_fifo_free(out_fifo);
     out_fifo = nullptr;
     out_pos = 0;
+    span_frame.reset();
+    span_capacity = 0;
     if (swr) swr_close(swr);
     swr_free(&swr);
 }

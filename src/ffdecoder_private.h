@@ -102,6 +102,10 @@ public:
     long long out_pos = 0;  // converted samples handed out since audio_start
     int out_fifo_format = -1;
     int out_fifo_channels = 0;
+    // The frame audio spans are cut into, reused while it is large enough
+    // (only when no filter takes it over).
+    std::shared_ptr<AVFrame> span_frame;
+    int span_capacity = 0;
 
     // Takes the worker out of the decoder, for the caller to destroy after
     // releasing req_mutex (its job may be waiting for that mutex).

@@ -108,12 +108,16 @@ std::vector<typename AbstractScheduler<T>::iWorker*> AbstractScheduler<T>::order
         ordered.push_back(workers.front());
         return ordered;
     }
-    std::vector<iWorker*> holding, arriving_own, empty, rest_own;
+    std::vector<iWorker*> holding, heading, arriving_own, empty, rest_own;
     std::vector<Ranked> arriving_other, rest_other;
     for (iWorker* w : workers) {
         std::lock_guard<std::mutex> guard(w->mutex);
         if (w->is_contain(ts, next)) {
             holding.insert(holding.begin(), w);
+        } else if (w->has_target && w->target_ts == ts && w->target_next == next) {
+            // Already chosen for this very frame: waiting for it beats starting
+            // a second decode of the same frame on a worker of one's own.
+            heading.push_back(w);
         } else if (w->will_contain(ts)) {
             if (w->owner == owner_id) {
                 arriving_own.push_back(w);
@@ -137,6 +141,7 @@ std::vector<typename AbstractScheduler<T>::iWorker*> AbstractScheduler<T>::order
         }
     }
     ordered = holding;
+    ordered.insert(ordered.end(), heading.begin(), heading.end());
     ordered.insert(ordered.end(), arriving_own.begin(), arriving_own.end());
     for (const Ranked& r : arriving_other) ordered.push_back(r.worker);
     ordered.insert(ordered.end(), empty.begin(), empty.end());
