@@ -135,15 +135,7 @@ bool is_audio_ts_discontinuous(FFDecoderPrivate* d, const RequireAudioFrame& req
 FFDecoder::FFDecoder() : d(new FFDecoderPrivate()) {}
 
 FFDecoder::~FFDecoder() {
-    std::unique_ptr<AsyncHelper> worker;
-    {
-        std::lock_guard<std::mutex> lock(d->req_mutex);
-        ++d->req_seq;
-        d->stop = true;
-        worker = d->detach_async();
-        d->close();
-    }
-    worker.reset();  // joined after the lock is released: its job may be waiting for it
+    close();
     delete d;
 }
 
@@ -161,7 +153,7 @@ void FFDecoder::close() {
         worker = d->detach_async();
         d->close();
     }
-    worker.reset();
+    worker.reset();  // joined after the lock is released: its job may be waiting for it
 }
 
 bool FFDecoder::reopen() {

@@ -27,20 +27,11 @@ const StreamCtx* stream_of(const char* name, StreamType type) {
     return mv->nb_audio > 0 ? mv->streams[mv->audio_indexes[0]] : nullptr;
 }
 
-// The index an RGBA picture shows: R channel of the middle row at each bar's centre.
-int rgba_index(const VFrameCtx& p) {
-    const uint8_t* row = p.data[0] + static_cast<size_t>(p.height / 2) * p.linesize[0];
-    int value = 0;
-    for (int bit = 0; bit < 16; ++bit)
-        if (row[((2 * bit + 1) * p.width / 32) * 4] > 128) value |= 1 << bit;
-    return value;
-}
-
 // The index shown at clip time num/den, or -1 when there is no picture.
 int index_at(FFDecoder2& dec, long long num, long long den) {
     const auto p = dec.getVideoFrame(RequireVideoFrame{Rational(num, den), PF_RGBA, 1, nullptr});
     if (!p || p->format != AV_PIX_FMT_RGBA) return -1;
-    return rgba_index(*p);
+    return testmedia::picture_index(*p);
 }
 
 // What a mirrored picture of `index` reads as: the bars in reverse order.

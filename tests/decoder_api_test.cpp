@@ -32,14 +32,6 @@ RequireAudioFrame audio_request(Rational begin, Rational end, SampleFormat forma
     return req;
 }
 
-int rgba_index(const VFrameCtx& p) {
-    const uint8_t* row = p.data[0] + static_cast<size_t>(p.height / 2) * p.linesize[0];
-    int value = 0;
-    for (int bit = 0; bit < 16; ++bit)
-        if (row[((2 * bit + 1) * p.width / 32) * 4] > 128) value |= 1 << bit;
-    return value;
-}
-
 // Checks an s16 stereo span against the ramp from sample `first` on.
 ::testing::AssertionResult is_ramp(const AFrameCtx& a, long long first) {
     const auto* s = reinterpret_cast<const int16_t*>(a.data[0]);
@@ -166,7 +158,7 @@ TEST(DecoderApi, PicturesMatchTheReferenceAndStillsAreKept) {
         req.format = PF_RGBA;
         const auto p = dec.getVideoFrame(req);
         ASSERT_NE(p, nullptr) << ms;
-        ASSERT_EQ(rgba_index(*p), enginetest::expect_down(v, time_to_timestamp(req.time, v.stream->time_base)).index)
+        ASSERT_EQ(testmedia::picture_index(*p), enginetest::expect_down(v, time_to_timestamp(req.time, v.stream->time_base)).index)
             << ms << " ms";
     }
 
@@ -178,7 +170,7 @@ TEST(DecoderApi, PicturesMatchTheReferenceAndStillsAreKept) {
     req.format = PF_RGBA;
     const auto first = picture.getVideoFrame(req);
     ASSERT_NE(first, nullptr);
-    EXPECT_EQ(rgba_index(*first), 5);
+    EXPECT_EQ(testmedia::picture_index(*first), 5);
     req.time = Rational(7, 1);
     req.format = PF_YUV420P;
     EXPECT_EQ(picture.getVideoFrame(req), first);  // the very same record

@@ -43,14 +43,6 @@ RequireVideoFrame at_ms(long long ms) {
     return req;
 }
 
-int yuv_index(const VFrameCtx& p) {
-    const uint8_t* row = p.data[0] + static_cast<size_t>(p.height / 2) * p.linesize[0];
-    int value = 0;
-    for (int bit = 0; bit < 16; ++bit)
-        if (row[(2 * bit + 1) * p.width / 32] > 128) value |= 1 << bit;
-    return value;
-}
-
 }  // namespace
 
 TEST(DecoderAsync, NewestRequestReplacesTheWaitingOnes) {
@@ -64,13 +56,13 @@ TEST(DecoderAsync, NewestRequestReplacesTheWaitingOnes) {
         first_running.open();
         release_first.wait();
         std::lock_guard<std::mutex> lock(mutex);
-        delivered.push_back(yuv_index(*p));
+        delivered.push_back(testmedia::picture_index(*p));
     });
     ASSERT_TRUE(first_running.wait());
     for (int i = 1; i <= 9; ++i) {
         dec.getVideoFrameAsync(at_ms(i * 400), [&, i](std::shared_ptr<VFrameCtx> p) {
             std::lock_guard<std::mutex> lock(mutex);
-            delivered.push_back(yuv_index(*p));
+            delivered.push_back(testmedia::picture_index(*p));
             if (i == 9) last_done.open();
         });
     }
@@ -120,7 +112,7 @@ TEST(DecoderAsync, CancelledAndClosedRequestsNeverCallBack) {
     dec.pri_seek({1, 1}, true);
     Gate answered;
     dec.getVideoFrameAsync(at_ms(2000), [&](std::shared_ptr<VFrameCtx> p) {
-        if (yuv_index(*p) == 50) answered.open();
+        if (testmedia::picture_index(*p) == 50) answered.open();
     });
     EXPECT_TRUE(answered.wait());
     dec.close();  // the worker ends before the gates go
@@ -205,7 +197,7 @@ TEST(DecoderAsync, StormOfRequestsDeliversOnlyExactFreshPictures) {
                 const int issued_epoch = epoch[i];
                 decoders[i]->getVideoFrameAsync(req, [&, i, expected, issued_epoch](std::shared_ptr<VFrameCtx> p) {
                     ++delivered;
-                    if (yuv_index(*p) != expected) ++wrong;
+                    if (testmedia::picture_index(*p) != expected) ++wrong;
                     if (epoch[i] != issued_epoch) ++stale;  // issued before a close, answered after it
                 });
             }

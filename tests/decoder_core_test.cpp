@@ -49,14 +49,6 @@ private:
     int count_, waiting_, generation_;
 };
 
-int rgba_frame_index(const VFrameCtx& p) {
-    const uint8_t* row = p.data[0] + static_cast<size_t>(p.height / 2) * p.linesize[0];
-    int value = 0;
-    for (int bit = 0; bit < 16; ++bit)
-        if (row[((2 * bit + 1) * p.width / 32) * 4] > 128) value |= 1 << bit;
-    return value;
-}
-
 }  // namespace
 
 class DecoderExactness : public testing::TestWithParam<const char*> {};
@@ -245,7 +237,7 @@ TEST(DecoderCore, PicturesAreScaledIntoPooledMemory) {
         EXPECT_EQ(p->divider, divider);
         EXPECT_EQ(p->pts, 2000000);
         EXPECT_EQ(p->src_width, 320);
-        EXPECT_EQ(rgba_frame_index(*p), 50);
+        EXPECT_EQ(testmedia::picture_index(*p), 50);
         EXPECT_EQ(p->data[0], p->buffer);
         EXPECT_EQ(p->linesize[0] % 32, 0);
     }

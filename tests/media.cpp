@@ -56,6 +56,21 @@ int frame_index(const AVFrame* frame) {
     return read_bars(gray.data(), frame->width, frame->width, frame->height);
 }
 
+int picture_index(const ff::VFrameCtx& picture) {
+    if (!picture.data[0] || picture.width < 32 || picture.height < 2) return -1;
+    if (picture.format == AV_PIX_FMT_RGBA) {
+        // Bars read from the red channel: every fourth byte of the row.
+        const uint8_t* row = picture.data[0] + static_cast<size_t>(picture.height / 2) * picture.linesize[0];
+        int value = 0;
+        for (int bit = 0; bit < 16; ++bit)
+            if (row[((2 * bit + 1) * picture.width / 32) * 4] > 128) value |= 1 << bit;
+        return value;
+    }
+    if (picture.format == AV_PIX_FMT_YUV420P || picture.format == AV_PIX_FMT_NV12)
+        return read_bars(picture.data[0], picture.linesize[0], picture.width, picture.height);
+    return -1;
+}
+
 std::string picture_digest(const AVFrame* frame) {
     AVMD5* md5 = av_md5_alloc();
     av_md5_init(md5);

@@ -13,6 +13,8 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
+#include "frame_records.h"
+
 namespace testmedia {
 
 // Full path of a generated file, e.g. path("h264_cfr.mp4").
@@ -20,6 +22,10 @@ std::string path(const char* name);
 
 // The index a frame shows, or -1 when its picture cannot be read.
 int frame_index(const AVFrame* frame);
+
+// The index a converted picture shows (RGBA: the red channel; YUV420P and
+// NV12: the luma plane), or -1 for another format.
+int picture_index(const ff::VFrameCtx& picture);
 
 // The value sample n of channel c carries in the position-coded audio.
 inline int16_t ramp_sample(int64_t n, int c) {

@@ -21,15 +21,6 @@ int movie_image_divider(int src_width, int src_height, int width, int height);
 
 namespace {
 
-// The index an RGBA picture shows: middle row, bar k's centre, red above 128.
-int rgba_index(const VFrameCtx& p) {
-    const uint8_t* row = p.data[0] + static_cast<size_t>(p.height / 2) * p.linesize[0];
-    int value = 0;
-    for (int bit = 0; bit < 16; ++bit)
-        if (row[((2 * bit + 1) * p.width / 32) * 4] > 128) value |= 1 << bit;
-    return value;
-}
-
 int round_up(int v, int m) { return (v + m - 1) / m * m; }
 
 RequireMvImage request(int width, int height) {
@@ -108,7 +99,7 @@ TEST(Thumbnail, EveryVideoFileGivesThePredictedPictureAtTheDividedSize) {
                 EXPECT_EQ(picture->width, d > 1 ? round_up(sw / d, 16) : sw) << where;
                 EXPECT_EQ(picture->height, d > 1 ? round_up(sh / d, 2) : sh) << where;
                 const long long ts = time_to_timestamp(wanted, v.stream->time_base) + start;
-                EXPECT_EQ(rgba_index(*picture), enginetest::expect_down(v, ts).index) << where;
+                EXPECT_EQ(testmedia::picture_index(*picture), enginetest::expect_down(v, ts).index) << where;
             }
             ++turn;
         }
