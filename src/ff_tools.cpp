@@ -61,9 +61,6 @@ int getImageDivider(MemoryMode mode, int width, int height) {
     }
 }
 
-// The thumbnail divider for a src_width x src_height stream and a target of
-// width x height (<= 0: no limit). Not exported; the tests reach it through
-// the static archive.
 int movie_image_divider(int src_width, int src_height, int width, int height) {
     int divider = 1;
     if (width > 0 && width < src_width) {

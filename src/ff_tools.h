@@ -46,6 +46,12 @@ struct RequireMvImage {
     std::atomic<bool>* cancel = nullptr;    // handed to the probe and to the picture request
 };
 
+// The divider getMovieImage uses for a src_width x src_height stream and a
+// target of width x height (<= 0: no limit on that side): the largest that
+// keeps the picture within about the target and not under half of it. Hosts
+// use it to ask for other pictures of the same size.
+CLIPDEC_API int movie_image_divider(int src_width, int src_height, int width, int height);
+
 // One picture of the movie at `path`, or empty. Probes the file, decodes on
 // its first video stream that opens, at req.time (or at req.ratio of the
 // duration), with the largest divider that keeps the picture at about the

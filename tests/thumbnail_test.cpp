@@ -14,11 +14,6 @@
 
 using namespace ff;
 
-namespace ff {
-// Internal to ff_tools.cpp; reachable through the static archive.
-int movie_image_divider(int src_width, int src_height, int width, int height);
-}  // namespace ff
-
 namespace {
 
 int round_up(int v, int m) { return (v + m - 1) / m * m; }
