@@ -1,29 +1,45 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs the example host program on a few real inputs.
+# The README's first command: sets up, builds the library and its command-line
+# tool, generates a short sample movie and shows the tool working on it.
+# Everything it writes goes to build-demo/.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 scripts/setup.sh
-scripts/build.sh build >/dev/null
-tool=build/tools/clipdec
 
-media=build/media
+echo "== building the library and the clipdec tool (build-demo/)"
+cmake -S . -B build-demo -DCLIPDEC_BUILD_TESTS=OFF -DCLIPDEC_BUILD_BENCH=OFF >/dev/null
+cmake --build build-demo -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
+tool=$root/build-demo/tools/clipdec
+out=$root/build-demo/demo
+rm -rf "$out"
+mkdir -p "$out"
 
-echo "\$ clipdec info"
-"$tool" info
-echo
-echo "\$ clipdec time 1001/30000 1/90000"
-"$tool" time 1001/30000 1/90000
-echo
-echo "\$ clipdec md5 README.md"
-"$tool" md5 README.md
-echo
-echo "\$ clipdec pool 1920x1080"
-"$tool" pool 1920x1080
-echo
-for movie in h264_cfr.mp4 subs.mkv mp3_cover.mp3; do
-  echo "\$ clipdec probe $media/$movie"
-  "$tool" probe "$media/$movie"
+echo "== generating a 6-second sample movie and a tone"
+# A moving test picture with a running clock, and a tone that swells and fades.
+ffmpeg -nostdin -hide_banner -loglevel error -y \
+  -f lavfi -i "testsrc2=size=640x360:rate=25:duration=6" \
+  -f lavfi -i "sine=frequency=440:sample_rate=48000:duration=6,volume='1.6+4.8*abs(sin(t))':eval=frame" \
+  -c:v libx264 -preset veryfast -pix_fmt yuv420p -g 50 -c:a aac -b:a 128k -shortest "$out/sample.mp4"
+ffmpeg -nostdin -hide_banner -loglevel error -y \
+  -f lavfi -i "sine=frequency=660:sample_rate=44100:duration=3,volume=6,afade=t=in:d=1.5" -c:a pcm_s16le "$out/tone.wav"
+
+run() {
   echo
-done
-echo "sample media: $root/$media"
+  echo "\$ clipdec $*"
+  "$tool" "$@"
+}
+run probe "$out/sample.mp4"
+run thumb "$out/sample.mp4" --at 2.5 --size 320x0 -o "$out/thumb.png"
+run frames "$out/sample.mp4" --from 1 --to 2 --fps 5 --size 160x0 -o "$out/frames"
+run audio "$out/sample.mp4" --range 0:4 --rate 44100 -o "$out/audio.wav"
+run mix "$out/sample.mp4@0.8" "$out/tone.wav@0.6+2" --peaks "$out/levels.png" -o "$out/mix.wav"
+
+echo
+echo "outputs in $out:"
+echo "  thumb.png         the picture on screen at 2.5 s, 320 pixels wide"
+echo "  frames/           five pictures a second from 1 s to 2 s"
+echo "  audio.wav         the first 4 s of audio at 44.1 kHz"
+echo "  mix.wav           the movie's audio with the tone entering at 2 s"
+echo "  levels.png        the mix's peak levels"
+echo "more: $tool --help"

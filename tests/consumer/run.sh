@@ -29,3 +29,11 @@ flags=$(PKG_CONFIG_PATH=$(dirname "$pc") pkg-config --cflags --libs clipdec)
 # shellcheck disable=SC2086
 g++ -std=c++17 -Wall -Wextra -Werror "$src/tests/consumer/main.cpp" -o "$work/pc-consumer" $flags
 LD_LIBRARY_PATH="$libdir" "$work/pc-consumer"
+
+echo "-- examples/"
+cmake -S "$src/examples" -B "$work/examples-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/examples-build" >/dev/null
+out=$(LD_LIBRARY_PATH="$libdir" "$work/examples-build/minimal_host" "$bin/media/h264_cfr.mp4")
+echo "$out"
+grep -q 'picture at 1 s: 320x240 RGBA, shown from 1.000 s' <<<"$out" || { echo "example host: wrong picture"; exit 1; }
+grep -q 'audio 0.05-0.10 s: 2400 samples' <<<"$out" || { echo "example host: wrong audio span"; exit 1; }
