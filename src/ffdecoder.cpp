@@ -63,10 +63,20 @@ constexpr long long kMaxRequestSamples = 1LL << 28;
 
 bool is_seek_only(int32_t format) { return format == FMT_SEEK_ONLY; }
 
-// Decoded frames must match the queue's layout to be written into it: a
-// stream that changes its sample format or channel count mid-way stops the fill.
-bool fits_queue(const AVFrame* f, const StreamCtx* st) {
-    return f->format == st->sample_fmt && compat_frame_channels(f) == st->channels && f->nb_samples >= 0;
+// Makes the sample queue fit the decoded frame. The queue takes the layout
+// the decoder really delivers, which can differ from the stream's parameters
+// (FFmpeg has an s16p and an fltp MP2 decoder, and either may have probed
+// the stream). A layout change with samples still queued stops the fill.
+bool fit_queue(FFDecoderPrivate* d, const AVFrame* f) {
+    const int channels = compat_frame_channels(f);
+    if (f->nb_samples < 0 || channels <= 0) return false;
+    if (d->fifo && d->fifo_format == f->format && d->fifo_channels == channels) return true;
+    if (d->fifo && av_audio_fifo_size(d->fifo) > 0) return false;
+    if (d->fifo) av_audio_fifo_free(d->fifo);
+    d->fifo = av_audio_fifo_alloc(static_cast<AVSampleFormat>(f->format), channels, 1024);
+    d->fifo_format = f->format;
+    d->fifo_channels = channels;
+    return d->fifo != nullptr;
 }
 
 int write_to_queue(AVAudioFifo* fifo, const AVFrame* f) {
@@ -225,9 +235,6 @@ std::shared_ptr<AFrameCtx> FFDecoder::pri_getAudioFrame(const RequireAudioFrame&
     // goes to 0 and the gap becomes silence.)
     const bool new_run = is_audio_ts_discontinuous(d, req);
     const long long target = new_run ? d->sec_to_stream_ts(req.range.begin) : -1;
-    const auto stream_format = static_cast<AVSampleFormat>(st->sample_fmt);
-    if (!d->fifo) d->fifo = av_audio_fifo_alloc(stream_format, st->channels, 1024);
-    if (!d->fifo) return {};
 
     // Both ends counted from the start of the run: no rounding drift.
     const Rational rate_base(1, st->sample_rate);
@@ -247,9 +254,9 @@ std::shared_ptr<AFrameCtx> FFDecoder::pri_getAudioFrame(const RequireAudioFrame&
 
     long long drain = 0;
     bool first = new_run;
-    while (av_audio_fifo_size(d->fifo) < need + drain) {
+    while ((d->fifo ? av_audio_fifo_size(d->fifo) : 0) < need + drain) {  // made by the first frame
         std::shared_ptr<AVFrame> f = first ? d->get_frame(target, req.cancel) : d->get_next_frame(req.cancel, false);
-        if (!f || !fits_queue(f.get(), st)) break;
+        if (!f || !fit_queue(d, f.get())) break;
         if (first) {
             first = false;
             const long long k = av_rescale_q(target - f->pts, rational_convert(st->time_base), {1, st->sample_rate});
@@ -267,7 +274,8 @@ std::shared_ptr<AFrameCtx> FFDecoder::pri_getAudioFrame(const RequireAudioFrame&
                                 static_cast<int>(std::min<long long>(silence, INT32_MAX)));
                     silence = kSilenceLimit;
                 }
-                auto quiet = create_avframe_with(st->channels, st->sample_rate, stream_format, static_cast<int>(silence));
+                auto quiet = create_avframe_with(d->fifo_channels, st->sample_rate,
+                                                 static_cast<AVSampleFormat>(d->fifo_format), static_cast<int>(silence));
                 if (quiet) write_to_queue(d->fifo, quiet.get());
             }
         }
@@ -275,17 +283,19 @@ std::shared_ptr<AFrameCtx> FFDecoder::pri_getAudioFrame(const RequireAudioFrame&
     }
     if (drain > 0) av_audio_fifo_drain(d->fifo, static_cast<int>(std::min<long long>(drain, INT32_MAX)));
     d->audio_range = req.range;
+    if (!d->fifo) return {};  // nothing was ever decoded
 
     // Filled from the queue at once: no need to clear it first. Without a
     // filter the frame only feeds the resampler, so the decoder keeps it for
     // the next span; a filter takes the frame over, so it gets a fresh one.
     std::shared_ptr<AVFrame> span;
-    if (!d->filter && d->span_frame && d->span_capacity >= need && d->span_frame->format == stream_format &&
-        compat_frame_channels(d->span_frame.get()) == st->channels) {
+    const auto queue_format = static_cast<AVSampleFormat>(d->fifo_format);
+    if (!d->filter && d->span_frame && d->span_capacity >= need && d->span_frame->format == queue_format &&
+        compat_frame_channels(d->span_frame.get()) == d->fifo_channels) {
         span = d->span_frame;
         span->nb_samples = static_cast<int>(need);
     } else {
-        span = create_avframe_buffers(st->channels, st->sample_rate, stream_format, static_cast<int>(need));
+        span = create_avframe_buffers(d->fifo_channels, st->sample_rate, queue_format, static_cast<int>(need));
         if (!span) return {};
         if (!d->filter) {
             d->span_frame = span;
@@ -302,6 +312,10 @@ std::shared_ptr<AFrameCtx> FFDecoder::pri_getAudioFrame(const RequireAudioFrame&
     // The span starts at the request's begin, in the stream's time base.
     span->pts = d->sec_to_stream_ts(req.range.begin);
 
+    if (d->filter && d->filter_sample_fmt != span->format) {
+        const std::string text = d->filter_text;  // open_filter replaces the stored text
+        if (!d->open_filter(text.c_str())) return {};
+    }
     if (d->filter) {
         const int ret = excute_filting(d->filter, span);
         if (ret < 0) {

@@ -233,7 +233,9 @@ bool FFDecoderPrivate::open_filter(const char* filters_descr) {
         cc.sar_num = static_cast<int>(stream->sample_aspect_ratio.num);
         cc.sar_den = static_cast<int>(stream->sample_aspect_ratio.den);
     } else if (stream->type == STREAM_AUDIO) {
-        cc.sample_fmt = stream->sample_fmt;
+        // Once audio has been decoded, the graph takes in what the decoder
+        // really delivers, which can differ from the stream's parameters.
+        cc.sample_fmt = fifo_format >= 0 ? fifo_format : stream->sample_fmt;
         cc.channel_layout = stream->channel_layout;
         cc.channels = stream->channels;
         cc.sample_rate = stream->sample_rate;
@@ -243,6 +245,8 @@ bool FFDecoderPrivate::open_filter(const char* filters_descr) {
     }
     if (mgr->init_filters(&cc, filters_descr) != 0) return false;
     filter = mgr.release();
+    filter_text = filters_descr;
+    filter_sample_fmt = cc.sample_fmt;
     last_vframe.reset();
     return true;
 }

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <string>
 
 extern "C" {
 #include <libavutil/audio_fifo.h>
@@ -75,8 +76,12 @@ public:
     // last opened on, positioning, the speed setters); written with `stream`.
     std::atomic<const StreamCtx*> published_stream{nullptr};
     AVFilterMgr* filter = nullptr;
+    std::string filter_text;      // the description `filter` was built from
+    int filter_sample_fmt = -1;   // the sample format an audio `filter` takes in
     SwsContext* sws = nullptr;
     AVAudioFifo* fifo = nullptr;
+    int fifo_format = -1;         // the queue's layout: that of the decoded frames
+    int fifo_channels = 0;
     SwrContext* swr = nullptr;
     // Audio continuity: every part zero, so that no first request counts as
     // continuing ({0, 0} equals no other value).

@@ -9,6 +9,7 @@
 #include "decode_counters.h"
 #include "engine_support.h"
 #include "ffdecoder.h"
+#include "ffdecoder2.h"
 #include "media.h"
 
 using namespace ff;
@@ -86,6 +87,27 @@ TEST(DecoderApi, OtherRatesAddUpExactlyOverALongRun) {
     const auto a = dec.getAudioFrame(audio_request({1, 1}, {31, 30}, SF_FLT, 48000));
     ASSERT_NE(a, nullptr);
     EXPECT_EQ(a->nb_samples, 1600);
+}
+
+// FFmpeg's MP2 decoder delivers s16p while the stream's parameters say fltp:
+// the sample queue and a filter follow what the decoder really delivers.
+TEST(DecoderApi, AudioWhoseDecodedFormatDiffersFromTheStreamParameters) {
+    const StreamCtx* st = stream_of("ts_offset.ts", STREAM_AUDIO);
+    ASSERT_NE(st, nullptr);
+    for (const char* filter : {"", "volume=0.5"}) {
+        FFDecoder2 dec;
+        ASSERT_TRUE(dec.open(st));
+        if (*filter) {
+            ASSERT_TRUE(dec.setFilters(filter));
+        }
+        long long total = 0;
+        for (int i = 0; i < 100; ++i) {  // 2 s in 20 ms spans of 960 samples
+            const auto a = dec.getAudioFrame(audio_request({i, 50}, {i + 1, 50}, SF_FLT, 48000));
+            ASSERT_NE(a, nullptr) << filter << " request " << i;
+            total += a->nb_samples;
+        }
+        EXPECT_EQ(total, 96000) << filter;
+    }
 }
 
 TEST(DecoderApi, SpansStartExactlyAtTheirSampleAndLateStartsAreSilent) {

@@ -106,7 +106,7 @@ JsonWriter& JsonWriter::value(const char* key, double number) {
     if (!std::isfinite(number)) return null(key);
     key_prefix(key);
     char text[40];
-    std::snprintf(text, sizeof text, "%.17g", number);
+    std::snprintf(text, sizeof text, "%.15g", number);
     out_ += text;
     return *this;
 }
