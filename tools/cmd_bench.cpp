@@ -31,6 +31,7 @@ extern "C" {
 #include "cli_args.h"
 #include "commands.h"
 #include "json_writer.h"
+#include "plain_ffmpeg.h"
 #include "progress.h"
 
 namespace cli {
@@ -53,156 +54,6 @@ double median_of(std::vector<double> v) {
     std::sort(v.begin(), v.end());
     const size_t n = v.size();
     return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
-
-// ------------------------------------------------------------ plain FFmpeg
-
-struct FormatCloser { void operator()(AVFormatContext* p) const { avformat_close_input(&p); } };
-struct CodecFreer { void operator()(AVCodecContext* p) const { avcodec_free_context(&p); } };
-struct FrameFreer { void operator()(AVFrame* p) const { av_frame_free(&p); } };
-struct PacketFreer { void operator()(AVPacket* p) const { av_packet_free(&p); } };
-struct SwsFreer { void operator()(SwsContext* p) const { sws_freeContext(p); } };
-struct SwrFreer { void operator()(SwrContext* p) const { swr_free(&p); } };
-using FramePtr = std::unique_ptr<AVFrame, FrameFreer>;
-
-// The textbook loop on one stream of the file: its own demuxer, a decoder
-// with threads "auto" (as the library opens its own), send/receive, packets
-// of other streams dropped. It opens the container index the library's
-// record names, so both sides read the same stream.
-class PlainStream {
-public:
-    bool open(const char* path, int stream_index) {
-        AVFormatContext* raw = nullptr;
-        if (avformat_open_input(&raw, path, nullptr, nullptr) < 0) return false;  // frees `raw` itself
-        fmt_.reset(raw);
-        if (avformat_find_stream_info(raw, nullptr) < 0) return false;
-        if (stream_index < 0 || stream_index >= static_cast<int>(raw->nb_streams)) return false;
-        index_ = stream_index;
-        stream_ = raw->streams[stream_index];
-        const AVCodec* codec = avcodec_find_decoder(stream_->codecpar->codec_id);
-        if (!codec) return false;
-        codec_.reset(avcodec_alloc_context3(codec));
-        if (!codec_ || avcodec_parameters_to_context(codec_.get(), stream_->codecpar) < 0) return false;
-        codec_->pkt_timebase = stream_->time_base;
-        AVDictionary* opts = nullptr;
-        av_dict_set(&opts, "threads", "auto", 0);
-        const int opened = avcodec_open2(codec_.get(), codec, &opts);
-        av_dict_free(&opts);
-        packet_.reset(av_packet_alloc());
-        return opened >= 0 && packet_;
-    }
-
-    // 0 with `frame` filled, AVERROR_EOF after the last frame, or an error.
-    int next(AVFrame* frame) {
-        for (;;) {
-            const int received = avcodec_receive_frame(codec_.get(), frame);
-            if (received != AVERROR(EAGAIN)) return received;
-            const int read = av_read_frame(fmt_.get(), packet_.get());
-            if (read == AVERROR_EOF) {
-                avcodec_send_packet(codec_.get(), nullptr);  // drain the frames still inside
-                continue;
-            }
-            if (read < 0) return read;
-            const int sent = packet_->stream_index == index_ ? avcodec_send_packet(codec_.get(), packet_.get()) : 0;
-            av_packet_unref(packet_.get());
-            if (sent < 0) return sent;
-        }
-    }
-
-    // Key frame at or before `ts` (stream time base), decoder flushed.
-    bool seek(int64_t ts) {
-        const int sought = av_seek_frame(fmt_.get(), index_, ts, AVSEEK_FLAG_BACKWARD);
-        avcodec_flush_buffers(codec_.get());
-        return sought >= 0;
-    }
-
-    AVRational time_base() const { return stream_->time_base; }
-    int64_t start() const { return stream_->start_time == AV_NOPTS_VALUE ? 0 : stream_->start_time; }
-    int64_t ticks_per_second() const { return stream_->time_base.den / std::max(stream_->time_base.num, 1); }
-
-private:
-    std::unique_ptr<AVFormatContext, FormatCloser> fmt_;
-    std::unique_ptr<AVCodecContext, CodecFreer> codec_;
-    std::unique_ptr<AVPacket, PacketFreer> packet_;
-    const AVStream* stream_ = nullptr;
-    int index_ = -1;
-};
-
-// Full-size RGBA into one reused buffer, with fast bilinear: the library's
-// own scaler setting, so both sides pay for the same conversion.
-class RgbaConverter {
-public:
-    RgbaConverter() = default;
-    RgbaConverter(const RgbaConverter&) = delete;
-    RgbaConverter& operator=(const RgbaConverter&) = delete;
-    ~RgbaConverter() { av_freep(&data_[0]); }
-
-    bool allocate(int width, int height) {
-        width_ = width;
-        height_ = height;
-        return av_image_alloc(data_, linesize_, width, height, AV_PIX_FMT_RGBA, 32) >= 0;
-    }
-    bool convert(const AVFrame* frame) {
-        sws_.reset(sws_getCachedContext(sws_.release(), frame->width, frame->height,
-                                        static_cast<AVPixelFormat>(frame->format), width_, height_, AV_PIX_FMT_RGBA,
-                                        SWS_FAST_BILINEAR, nullptr, nullptr, nullptr));
-        if (!sws_) return false;
-        sws_scale(sws_.get(), frame->data, frame->linesize, 0, frame->height, data_, linesize_);
-        return true;
-    }
-
-private:
-    std::unique_ptr<SwsContext, SwsFreer> sws_;
-    uint8_t* data_[4] = {};
-    int linesize_[4] = {};
-    int width_ = 0;
-    int height_ = 0;
-};
-
-// The frame on screen at `target` (stream time base): the key frame at or
-// before it, then forward to the last frame not after it. MP4 seeks by
-// decoding time, so the key frame found may show after the target; the loop
-// then steps back a second, as any correct host loop has to.
-const AVFrame* plain_frame_at(PlainStream& s, int64_t target, FramePtr& cur, FramePtr& prev) {
-    int64_t seek_ts = target;
-    if (!s.seek(seek_ts)) return nullptr;
-    bool first = true;
-    bool have_prev = false;
-    for (;;) {
-        if (s.next(cur.get()) < 0) return have_prev ? prev.get() : nullptr;
-        const int64_t pts = cur->best_effort_timestamp;
-        if (first && pts > target && seek_ts > s.start()) {
-            seek_ts = std::max(seek_ts - s.ticks_per_second(), s.start());
-            if (!s.seek(seek_ts)) return nullptr;
-            continue;
-        }
-        first = false;
-        if (pts == target) return cur.get();
-        if (pts > target) return have_prev ? prev.get() : cur.get();
-        std::swap(cur, prev);
-        have_prev = true;
-    }
-}
-
-// Stereo float at 48 kHz from whatever the decoder gives; set up on the first
-// frame, since only decoded frames tell the real layout and rate.
-bool open_resampler(std::unique_ptr<SwrContext, SwrFreer>& swr, const AVFrame* frame) {
-    AVChannelLayout out_layout{};
-    AVChannelLayout in_layout{};
-    av_channel_layout_default(&out_layout, kOutChannels);
-    // Without a known channel order, FFmpeg's default layout for the count
-    // is taken, as the library does.
-    if (frame->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC)
-        av_channel_layout_default(&in_layout, frame->ch_layout.nb_channels);
-    else if (av_channel_layout_copy(&in_layout, &frame->ch_layout) < 0)
-        return false;
-    SwrContext* raw = nullptr;
-    const int made = swr_alloc_set_opts2(&raw, &out_layout, AV_SAMPLE_FMT_FLT, kOutRate, &in_layout,
-                                         static_cast<AVSampleFormat>(frame->format), frame->sample_rate, 0, nullptr);
-    av_channel_layout_uninit(&in_layout);
-    av_channel_layout_uninit(&out_layout);
-    swr.reset(raw);
-    return made >= 0 && raw && swr_init(raw) >= 0;
 }
 
 // ------------------------------------------------------------ the cases
@@ -419,7 +270,7 @@ Pass plain_audio(const Media& m, long long wanted) {
     Pass p;
     const auto start = Clock::now();
     while (p.count < wanted && plain.next(frame.get()) >= 0) {
-        if (!swr && !open_resampler(swr, frame.get())) break;
+        if (!swr && !open_resampler(swr, frame.get(), kOutRate, kOutChannels)) break;
         const int room = swr_get_out_samples(swr.get(), frame->nb_samples);
         if (room < 0) break;
         out.resize(static_cast<size_t>(room) * kOutChannels);

@@ -1,0 +1,131 @@
+// The loops a host would write with FFmpeg alone, which `clipdec bench`
+// measures the library against: one stream decoded with send/receive,
+// conversion to RGBA with sws_scale, resampling with swr_convert.
+#pragma once
+
+#include <cstdint>
+#include <algorithm>
+#include <memory>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/imgutils.h>
+#include <libswresample/swresample.h>
+#include <libswscale/swscale.h>
+}
+
+namespace cli {
+
+struct FormatCloser { void operator()(AVFormatContext* p) const { avformat_close_input(&p); } };
+struct CodecFreer { void operator()(AVCodecContext* p) const { avcodec_free_context(&p); } };
+struct FrameFreer { void operator()(AVFrame* p) const { av_frame_free(&p); } };
+struct PacketFreer { void operator()(AVPacket* p) const { av_packet_free(&p); } };
+struct SwsFreer { void operator()(SwsContext* p) const { sws_freeContext(p); } };
+struct SwrFreer { void operator()(SwrContext* p) const { swr_free(&p); } };
+using FramePtr = std::unique_ptr<AVFrame, FrameFreer>;
+
+// The textbook loop on one stream of the file: its own demuxer, a decoder
+// with threads "auto" (as the library opens its own), send/receive, packets
+// of other streams dropped. It opens the container index the library's
+// record names, so both sides read the same stream.
+class PlainStream {
+public:
+    bool open(const char* path, int stream_index) {
+        AVFormatContext* raw = nullptr;
+        if (avformat_open_input(&raw, path, nullptr, nullptr) < 0) return false;  // frees `raw` itself
+        fmt_.reset(raw);
+        if (avformat_find_stream_info(raw, nullptr) < 0) return false;
+        if (stream_index < 0 || stream_index >= static_cast<int>(raw->nb_streams)) return false;
+        index_ = stream_index;
+        stream_ = raw->streams[stream_index];
+        const AVCodec* codec = avcodec_find_decoder(stream_->codecpar->codec_id);
+        if (!codec) return false;
+        codec_.reset(avcodec_alloc_context3(codec));
+        if (!codec_ || avcodec_parameters_to_context(codec_.get(), stream_->codecpar) < 0) return false;
+        codec_->pkt_timebase = stream_->time_base;
+        AVDictionary* opts = nullptr;
+        av_dict_set(&opts, "threads", "auto", 0);
+        const int opened = avcodec_open2(codec_.get(), codec, &opts);
+        av_dict_free(&opts);
+        packet_.reset(av_packet_alloc());
+        return opened >= 0 && packet_;
+    }
+
+    // 0 with `frame` filled, AVERROR_EOF after the last frame, or an error.
+    int next(AVFrame* frame) {
+        for (;;) {
+            const int received = avcodec_receive_frame(codec_.get(), frame);
+            if (received != AVERROR(EAGAIN)) return received;
+            const int read = av_read_frame(fmt_.get(), packet_.get());
+            if (read == AVERROR_EOF) {
+                avcodec_send_packet(codec_.get(), nullptr);  // drain the frames still inside
+                continue;
+            }
+            if (read < 0) return read;
+            const int sent = packet_->stream_index == index_ ? avcodec_send_packet(codec_.get(), packet_.get()) : 0;
+            av_packet_unref(packet_.get());
+            if (sent < 0) return sent;
+        }
+    }
+
+    // Key frame at or before `ts` (stream time base), decoder flushed.
+    bool seek(int64_t ts) {
+        const int sought = av_seek_frame(fmt_.get(), index_, ts, AVSEEK_FLAG_BACKWARD);
+        avcodec_flush_buffers(codec_.get());
+        return sought >= 0;
+    }
+
+    AVRational time_base() const { return stream_->time_base; }
+    int64_t start() const { return stream_->start_time == AV_NOPTS_VALUE ? 0 : stream_->start_time; }
+    int64_t ticks_per_second() const { return stream_->time_base.den / std::max(stream_->time_base.num, 1); }
+
+private:
+    std::unique_ptr<AVFormatContext, FormatCloser> fmt_;
+    std::unique_ptr<AVCodecContext, CodecFreer> codec_;
+    std::unique_ptr<AVPacket, PacketFreer> packet_;
+    const AVStream* stream_ = nullptr;
+    int index_ = -1;
+};
+
+// Full-size RGBA into one reused buffer, with fast bilinear: the library's
+// own scaler setting, so both sides pay for the same conversion.
+class RgbaConverter {
+public:
+    RgbaConverter() = default;
+    RgbaConverter(const RgbaConverter&) = delete;
+    RgbaConverter& operator=(const RgbaConverter&) = delete;
+    ~RgbaConverter() { av_freep(&data_[0]); }
+
+    bool allocate(int width, int height) {
+        width_ = width;
+        height_ = height;
+        return av_image_alloc(data_, linesize_, width, height, AV_PIX_FMT_RGBA, 32) >= 0;
+    }
+    bool convert(const AVFrame* frame) {
+        sws_.reset(sws_getCachedContext(sws_.release(), frame->width, frame->height,
+                                        static_cast<AVPixelFormat>(frame->format), width_, height_, AV_PIX_FMT_RGBA,
+                                        SWS_FAST_BILINEAR, nullptr, nullptr, nullptr));
+        if (!sws_) return false;
+        sws_scale(sws_.get(), frame->data, frame->linesize, 0, frame->height, data_, linesize_);
+        return true;
+    }
+
+private:
+    std::unique_ptr<SwsContext, SwsFreer> sws_;
+    uint8_t* data_[4] = {};
+    int linesize_[4] = {};
+    int width_ = 0;
+    int height_ = 0;
+};
+
+// The frame on screen at `target` (stream time base): the key frame at or
+// before it, then forward to the last frame not after it; null when nothing
+// decodes. `cur` and `prev` are the caller's frames, reused between calls.
+const AVFrame* plain_frame_at(PlainStream& s, int64_t target, FramePtr& cur, FramePtr& prev);
+
+// A resampler to packed float at `rate` and `channels`, set up from a decoded
+// frame (only decoded frames tell the real layout and rate).
+bool open_resampler(std::unique_ptr<SwrContext, SwrFreer>& swr, const AVFrame* frame, int rate, int channels);
+
+}  // namespace cli
