@@ -163,6 +163,17 @@ TEST(Cli, MixSumsOffsetSourcesSampleBySample) {
     EXPECT_EQ(peaks.height, 160);
 }
 
+TEST(Cli, BenchMeasuresEveryCaseOnBothSides) {
+    const auto run = run_tool({"bench", media("h264_cfr.mp4"), "--seconds", "1", "--json"});
+    ASSERT_EQ(run.exit_code, kOk) << run.err;
+    // 1 s of a 25 fps stream with 48 kHz audio; a figure of 0 would mean a side did nothing.
+    for (const char* expected : {"\"sequential\":{\"frames\":25,", "\"requests\":50,", "\"samples\":48000,",
+                                 "\"shared_stream\":{\"frames\":25,"})
+        EXPECT_NE(run.out.find(expected), std::string::npos) << expected << " in " << run.out;
+    EXPECT_EQ(run.out.find(":0,"), std::string::npos) << run.out;
+    EXPECT_EQ(run.out.find("null"), std::string::npos) << run.out;
+}
+
 TEST(Cli, BadArgumentsAndBadFilesGiveTheDocumentedExitCodes) {
     const std::string dir = clitest::scratch_dir("cli_errors");
     const std::string out = dir + "/o.png";

@@ -19,6 +19,9 @@ exports=$(nm -D --defined-only -C "$lib")
 grep -q 'ff::Rational::operator+' <<<"$exports" || { echo "public symbol not exported"; exit 1; }
 if grep -q 'ff::rational_convert' <<<"$exports"; then echo "internal symbol exported"; exit 1; fi
 
+# The installed tool runs without help from the environment.
+"$prefix/bin/clipdec" probe "$bin/media/h264_cfr.mp4" | grep -q '320x240' || { echo "installed tool failed"; exit 1; }
+
 echo "-- CMake package"
 cmake -S "$src/tests/consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
