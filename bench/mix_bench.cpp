@@ -1,6 +1,6 @@
 // Mixing throughput of the sample loops (16-bit and float stereo, one core),
 // a mixer cycle end to end, and a movie thumbnail: cold (first probe of the
-// file) and warm (probe cached).
+// file), warm (the same request again) and warm at a time not asked before.
 #include <benchmark/benchmark.h>
 
 #include <unistd.h>
@@ -123,10 +123,27 @@ void BM_ThumbnailWarm(benchmark::State& state) {
     for (auto _ : state) benchmark::DoNotOptimize(ff::getMovieImage(file.c_str(), req, nullptr));
 }
 
+// Warm probe, but a time no earlier call asked for: the picture is decoded
+// from the key frame before it (the decoder lives for one call only).
+void BM_ThumbnailWarmNewTime(benchmark::State& state) {
+    const std::string file = bench_file();
+    ff::RequireMvImage req = middle_at_320x180();
+    if (!ff::getMovieImage(file.c_str(), req, nullptr)) {
+        state.SkipWithError("bench media missing: run scripts/bench.sh");
+        return;
+    }
+    static long long step = 0;
+    for (auto _ : state) {
+        req.time = ff::Rational(5000 + (++step % 1000), 1000);  // 5 s and a new millisecond each time
+        benchmark::DoNotOptimize(ff::getMovieImage(file.c_str(), req, nullptr));
+    }
+}
+
 BENCHMARK(BM_MixS16Stereo)->Arg(128)->Arg(100);
 BENCHMARK(BM_MixF32Stereo)->Arg(128)->Arg(100);
 BENCHMARK(BM_MixerCycle3Sources);
 BENCHMARK(BM_ThumbnailCold)->Unit(benchmark::kMillisecond)->Iterations(10);
-BENCHMARK(BM_ThumbnailWarm)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ThumbnailWarm)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ThumbnailWarmNewTime)->Unit(benchmark::kMillisecond)->Iterations(10);
 
 }  // namespace

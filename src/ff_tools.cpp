@@ -8,6 +8,7 @@
 #include "ffdecoder.h"
 #include "hw/hw_decoder.h"
 #include "log.h"
+#include "thumbnail_cache.h"
 #include "utils/mempool.h"
 
 namespace ff {
@@ -118,19 +119,29 @@ std::shared_ptr<VFrameCtx> getMovieImage(const char* path, const RequireMvImage&
     *duration = Rational(movie->duration, 1000000);
     if (movie->nb_video <= 0) return {};
 
-    std::unique_ptr<FFDecoder> decoder = open_first_video(movie);
-    if (!decoder) return {};
-
-    const StreamCtx* stream = decoder->streamContex();
     RequireVideoFrame frame_req;
     frame_req.time = req.time.den != 0
                          ? req.time
                          : Rational(truncate_to_int64(static_cast<double>(movie->duration) * req.ratio), 1000000);
+    ThumbnailKey key{movie->path ? movie->path : "", frame_req.time, req.width, req.height, req.format};
+    key.time.reduce();
+    // A raised cancel flag gets the empty answer a cancelled decode gives.
+    const bool cancelled = req.cancel && req.cancel->load();
+    if (!cancelled) {
+        if (std::shared_ptr<VFrameCtx> again = ThumbnailCache::instance().find(key)) return again;
+    }
+
+    std::unique_ptr<FFDecoder> decoder = open_first_video(movie);
+    if (!decoder) return {};
+
+    const StreamCtx* stream = decoder->streamContex();
     frame_req.format = req.format;
     frame_req.divider = movie_image_divider(stream->width, stream->height, req.width, req.height);
     frame_req.cancel = req.cancel;
     // The picture's memory belongs to the record, so it survives the decoder.
-    return decoder->getVideoFrame(frame_req);
+    std::shared_ptr<VFrameCtx> picture = decoder->getVideoFrame(frame_req);
+    ThumbnailCache::instance().insert(key, picture);
+    return picture;
 }
 
 int getAudioPeak(std::shared_ptr<AFrameCtx> frame, int scale) {

@@ -58,6 +58,8 @@ CLIPDEC_API int movie_image_divider(int src_width, int src_height, int width, in
 // target size and not under half of it. `*duration` (may be null) receives
 // the movie's duration as {microseconds, 1000000} once the probe succeeded,
 // even when no picture results. The picture outlives the decoder that made it.
+// The most recent pictures (32, at most 64 MB) are kept: the same path, time,
+// target size and format again give the same picture without decoding.
 CLIPDEC_API std::shared_ptr<VFrameCtx> getMovieImage(const char* path, const RequireMvImage& req, Rational* duration);
 
 // The peak level of an audio record on the scale 0 .. `scale` (see

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <string>
 
+#include "decode_counters.h"
 #include "engine_support.h"
 #include "ff_tools.h"
 #include "ffdecoder.h"
@@ -141,3 +142,38 @@ TEST(Thumbnail, FailuresLeaveOrSetTheDurationAsDocumented) {
     EXPECT_EQ(duration.den, 1000000);
     log.take();
 }
+
+TEST(Thumbnail, TheSameRequestAgainIsAnsweredWithoutDecoding) {
+    const std::string video = testmedia::path("h264_23976.mp4");
+    RequireMvImage req = request(160, 0);
+    req.time = Rational(2, 1);
+    const auto first = getMovieImage(video.c_str(), req, nullptr);
+    ASSERT_NE(first, nullptr);
+    const uint64_t decoded = decode_counters().frames_decoded;
+    const auto again = getMovieImage(video.c_str(), req, nullptr);
+    EXPECT_EQ(again, first);
+    EXPECT_EQ(decode_counters().frames_decoded, decoded);
+
+    // Another time, size or format is a new picture.
+    req.time = Rational(3, 1);
+    const auto later = getMovieImage(video.c_str(), req, nullptr);
+    ASSERT_NE(later, nullptr);
+    EXPECT_NE(later, first);
+    EXPECT_NE(testmedia::picture_index(*later), testmedia::picture_index(*first));
+    req.time = Rational(2, 1);
+    req.width = 80;
+    const auto smaller = getMovieImage(video.c_str(), req, nullptr);
+    ASSERT_NE(smaller, nullptr);
+    EXPECT_LT(smaller->width, first->width);
+
+    // The cache stays within its bound on pictures.
+    for (int i = 0; i < 40; ++i) {
+        req.time = Rational(i, 10);
+        ASSERT_NE(getMovieImage(video.c_str(), req, nullptr), nullptr) << i;
+    }
+    const uint64_t before = decode_counters().frames_decoded;
+    req.time = Rational(0, 10);  // the oldest of the 40: let go
+    ASSERT_NE(getMovieImage(video.c_str(), req, nullptr), nullptr);
+    EXPECT_GT(decode_counters().frames_decoded, before);
+}
+

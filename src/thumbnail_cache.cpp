@@ -1,0 +1,61 @@
+#include "thumbnail_cache.h"
+
+namespace ff {
+
+namespace {
+
+size_t picture_bytes(const VFrameCtx& picture) { return picture.size > 0 ? static_cast<size_t>(picture.size) : 0; }
+
+}  // namespace
+
+bool ThumbnailKey::operator==(const ThumbnailKey& other) const {
+    // Times are stored reduced, so equal times have equal pairs.
+    return path == other.path && time.num == other.time.num && time.den == other.time.den && width == other.width &&
+           height == other.height && format == other.format;
+}
+
+ThumbnailCache& ThumbnailCache::instance() {
+    // Never destroyed: pictures may still be asked for while the process exits.
+    static ThumbnailCache* cache = new ThumbnailCache();
+    return *cache;
+}
+
+std::shared_ptr<VFrameCtx> ThumbnailCache::find(const ThumbnailKey& key) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto it = recent_.begin(); it != recent_.end(); ++it) {
+        if (!(it->first == key)) continue;
+        recent_.splice(recent_.begin(), recent_, it);
+        return recent_.front().second;
+    }
+    return {};
+}
+
+void ThumbnailCache::insert(const ThumbnailKey& key, std::shared_ptr<VFrameCtx> picture) {
+    if (!picture || picture_bytes(*picture) > kMaxBytes) return;
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto it = recent_.begin(); it != recent_.end(); ++it) {
+        if (it->first == key) {
+            bytes_ -= picture_bytes(*it->second);
+            recent_.erase(it);
+            break;
+        }
+    }
+    bytes_ += picture_bytes(*picture);
+    recent_.emplace_front(key, std::move(picture));
+    evict_over_bounds();
+}
+
+void ThumbnailCache::clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    recent_.clear();
+    bytes_ = 0;
+}
+
+void ThumbnailCache::evict_over_bounds() {
+    while (!recent_.empty() && (recent_.size() > kMaxPictures || bytes_ > kMaxBytes)) {
+        bytes_ -= picture_bytes(*recent_.back().second);
+        recent_.pop_back();
+    }
+}
+
+}  // namespace ff

@@ -1,0 +1,49 @@
+// The most recent movie thumbnails. A host that redraws its timeline asks for
+// the same pictures again and again; they come from here without opening a
+// decoder. Pictures are read-only shared records, so every caller may hold
+// the same one.
+#pragma once
+
+#include <cstddef>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "frame_records.h"
+#include "rational.h"
+
+namespace ff {
+
+struct ThumbnailKey {
+    std::string path;
+    Rational time;   // the picture's time in seconds, reduced
+    int width = 0;   // the request's target size
+    int height = 0;
+    int format = 0;
+
+    bool operator==(const ThumbnailKey& other) const;
+};
+
+class ThumbnailCache {
+public:
+    // Bounds: pictures are kept while there are at most this many and their
+    // memory stays under the byte limit; the least recently used go first.
+    static constexpr size_t kMaxPictures = 32;
+    static constexpr size_t kMaxBytes = 64u << 20;
+
+    static ThumbnailCache& instance();
+
+    std::shared_ptr<VFrameCtx> find(const ThumbnailKey& key);
+    void insert(const ThumbnailKey& key, std::shared_ptr<VFrameCtx> picture);
+    void clear();
+
+private:
+    void evict_over_bounds();
+
+    std::mutex mutex_;
+    std::list<std::pair<ThumbnailKey, std::shared_ptr<VFrameCtx>>> recent_;  // most recent first
+    size_t bytes_ = 0;
+};
+
+}  // namespace ff
