@@ -12,6 +12,7 @@
 #include "engine_support.h"
 #include "ffdecoder_private.h"
 #include "scheduler.h"
+#include "watchdog.h"
 
 using namespace ff;
 
@@ -21,33 +22,6 @@ struct Slot {
     std::mutex mutex;  // one request at a time per decoder, as the facade does
     std::unique_ptr<FFDecoderPrivate> decoder;
     const enginetest::VideoUnderTest* video = nullptr;
-};
-
-// Fails loudly instead of hanging the suite when something deadlocks.
-class Watchdog {
-public:
-    explicit Watchdog(std::chrono::seconds limit) : thread_([this, limit] {
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (!cv_.wait_for(lock, limit, [this] { return done_; })) {
-            std::fprintf(stderr, "engine stress: no progress within %lld s, deadlock?\n",
-                         static_cast<long long>(limit.count()));
-            std::abort();
-        }
-    }) {}
-    ~Watchdog() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            done_ = true;
-        }
-        cv_.notify_all();
-        thread_.join();
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    bool done_ = false;
-    std::thread thread_;
 };
 
 }  // namespace
@@ -63,7 +37,7 @@ TEST(EngineStress, RandomRequestsOpensAndClosesNeverDeadlockOrMisanswer) {
     std::vector<Slot> slots(kSlots);
     for (int i = 0; i < kSlots; ++i) slots[i].video = &videos[i % 3];
 
-    Watchdog watchdog(std::chrono::seconds(120));
+    testsupport::Watchdog watchdog("engine stress", std::chrono::seconds(120));
     std::atomic<int> wrong{0}, answered{0}, missing{0};
     // At least three seconds and 200 answers (sanitizer builds are slow), at most a minute.
     const auto start = std::chrono::steady_clock::now();
