@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs, only when some are missing.
 # Idempotent and quiet; run as root (or with sudo available) on Debian 12.
+# Extra packages a script needs besides these may be given as arguments.
 set -euo pipefail
 
 packages=(
@@ -10,6 +11,7 @@ packages=(
   libswscale-dev libswresample-dev
   ffmpeg
 )
+packages+=("$@")
 
 missing=()
 for p in "${packages[@]}"; do
