@@ -6,6 +6,7 @@ extern "C" {
 
 #include <algorithm>
 #include <climits>
+#include <vector>
 
 #include "async_helper.h"
 #include "ff_compat.h"
@@ -79,9 +80,62 @@ bool fit_queue(FFDecoderPrivate* d, const AVFrame* f) {
     return d->fifo != nullptr;
 }
 
-int write_to_queue(AVAudioFifo* fifo, const AVFrame* f) {
-    return av_audio_fifo_write(fifo, reinterpret_cast<void**>(const_cast<uint8_t**>(f->extended_data)),
-                               f->nb_samples);
+int write_to_queue(AVAudioFifo* fifo, const AVFrame* f, int skip = 0) {
+    if (skip <= 0)
+        return av_audio_fifo_write(fifo, reinterpret_cast<void**>(const_cast<uint8_t**>(f->extended_data)),
+                                   f->nb_samples);
+    const auto format = static_cast<AVSampleFormat>(f->format);
+    const bool planar = av_sample_fmt_is_planar(format) != 0;
+    const int channels = compat_frame_channels(f);
+    const int step = av_get_bytes_per_sample(format) * (planar ? 1 : channels);
+    std::vector<uint8_t*> planes(static_cast<size_t>(planar ? channels : 1));
+    for (size_t i = 0; i < planes.size(); ++i) planes[i] = f->extended_data[i] + static_cast<size_t>(skip) * step;
+    return av_audio_fifo_write(fifo, reinterpret_cast<void**>(planes.data()), f->nb_samples - skip);
+}
+
+// Frames of different decode tasks of one stream can be cut at different
+// points (a PCM demuxer starts its packets wherever a seek landed), so the
+// frame "after" the last one may overlap it or leave a gap. Positions are
+// compared in samples; with a time base coarser than a sample, timestamps
+// carry rounding, which this many samples absorb.
+long long sample_tolerance(const StreamCtx* st) {
+    const long long num = st->time_base.num * st->sample_rate, den = st->time_base.den;
+    if (den <= 0 || num <= 0) return 0;
+    return num % den == 0 ? 0 : num / den + 2;
+}
+
+long long sample_position(const AVFrame* f, const StreamCtx* st) {
+    return av_rescale_q(f->pts, rational_convert(st->time_base), {1, st->sample_rate});
+}
+
+// The frame that continues the queue without overlap or gap: `f` as it is,
+// or trimmed at the front (`skip`), or the frame holding the queue's end when
+// `f` leaves a gap that a frame of another task fills. Null when `f` is
+// wholly behind the queue's end.
+std::shared_ptr<AVFrame> continue_queue(FFDecoderPrivate* d, std::shared_ptr<AVFrame> f, std::atomic<bool>* cancel,
+                                        int& skip) {
+    skip = 0;
+    const StreamCtx* st = d->stream;
+    if (d->queued_end == FFDecoderPrivate::kNoSample || f->pts == AV_NOPTS_VALUE) return f;
+    const long long tolerance = sample_tolerance(st);
+    long long at = sample_position(f.get(), st);
+    if (at > d->queued_end + tolerance) {
+        const long long gap_ts = av_rescale_q(d->queued_end, {1, st->sample_rate}, rational_convert(st->time_base));
+        std::shared_ptr<AVFrame> holder = d->get_frame(gap_ts, cancel);
+        if (holder && holder->pts != AV_NOPTS_VALUE && fit_queue(d, holder.get())) {
+            const long long holder_at = sample_position(holder.get(), st);
+            // A real gap in the stream leaves nothing to fill it: keep `f`.
+            if (holder_at <= d->queued_end && holder_at + holder->nb_samples > d->queued_end) {
+                f = holder;
+                at = holder_at;
+            }
+        }
+    }
+    if (at < d->queued_end - tolerance) {
+        if (at + f->nb_samples <= d->queued_end) return {};
+        skip = static_cast<int>(d->queued_end - at);
+    }
+    return f;
 }
 
 // Converts one cut span and hands out exactly the samples the request's span
@@ -135,6 +189,7 @@ std::shared_ptr<AFrameCtx> convert_exact_span(FFDecoderPrivate* d, AVFrame* span
 bool is_audio_ts_discontinuous(FFDecoderPrivate* d, const RequireAudioFrame& req) {
     if (req.range.begin == d->audio_range.end) return false;
     d->audio_pos = 0;
+    d->queued_end = FFDecoderPrivate::kNoSample;
     d->audio_start = req.range.begin;
     if (d->fifo) av_audio_fifo_reset(d->fifo);
     if (d->out_fifo) av_audio_fifo_reset(d->out_fifo);
@@ -255,6 +310,7 @@ std::shared_ptr<AFrameCtx> FFDecoder::pri_getAudioFrame(const RequireAudioFrame&
     long long drain = 0;
     bool first = new_run;
     while ((d->fifo ? av_audio_fifo_size(d->fifo) : 0) < need + drain) {  // made by the first frame
+        const bool f_is_first = first;
         std::shared_ptr<AVFrame> f = first ? d->get_frame(target, req.cancel) : d->get_next_frame(req.cancel, false);
         if (!f || !fit_queue(d, f.get())) break;
         if (first) {
@@ -279,7 +335,15 @@ std::shared_ptr<AFrameCtx> FFDecoder::pri_getAudioFrame(const RequireAudioFrame&
                 if (quiet) write_to_queue(d->fifo, quiet.get());
             }
         }
-        if (write_to_queue(d->fifo, f.get()) < 0) break;
+        int skip = 0;
+        if (!f_is_first) {
+            f = continue_queue(d, std::move(f), req.cancel, skip);
+            if (!f) continue;  // already queued: take the one after it
+        }
+        if (write_to_queue(d->fifo, f.get(), skip) < 0) break;
+        // Without a timestamp there is nothing to line the next frame up with.
+        d->queued_end = f->pts == AV_NOPTS_VALUE ? FFDecoderPrivate::kNoSample
+                                                 : sample_position(f.get(), st) + f->nb_samples;
     }
     if (drain > 0) av_audio_fifo_drain(d->fifo, static_cast<int>(std::min<long long>(drain, INT32_MAX)));
     d->audio_range = req.range;

@@ -86,6 +86,10 @@ public:
     // Audio continuity: every part zero, so that no first request counts as
     // continuing ({0, 0} equals no other value).
     long long audio_pos = 0;
+    // Where the next decoded frame must start, in samples of the stream's rate
+    // (kNoSample before the first frame of a run).
+    long long queued_end = kNoSample;
+    static constexpr long long kNoSample = INT64_MIN;
     Rational audio_start{0, 0};
     Range audio_range{Rational(0, 0), Rational(0, 0)};
     int swr_dst_channels = 0;

@@ -89,6 +89,26 @@ TEST(DecoderApi, OtherRatesAddUpExactlyOverALongRun) {
     EXPECT_EQ(a->nb_samples, 1600);
 }
 
+// Decoders of one stream share decode tasks, and a WAV demuxer cuts its
+// packets wherever a seek landed: the frame after a decoder's last one may
+// come from a task cut elsewhere. Spans stay exact all the same.
+TEST(DecoderApi, DecodersSharingAPcmStreamGetExactSpans) {
+    const StreamCtx* st = stream_of("pcm_s16.wav", STREAM_AUDIO);
+    ASSERT_NE(st, nullptr);
+    FFDecoder decoders[2];
+    for (FFDecoder& d : decoders) ASSERT_TRUE(d.open(st));
+    std::mt19937 rng(17);
+    for (int i = 0; i < 600; ++i) {
+        const long long first = rng() % (3 * 48000);
+        const long long length = 960 + rng() % 4000;
+        const auto a = decoders[rng() % 2].getAudioFrame(
+            audio_request({first, 48000}, {first + length, 48000}, SF_S16, 48000));
+        ASSERT_NE(a, nullptr) << i;
+        ASSERT_EQ(a->nb_samples, length);
+        ASSERT_TRUE(is_ramp(*a, first)) << "request " << i << " at sample " << first;
+    }
+}
+
 // FFmpeg's MP2 decoder delivers s16p while the stream's parameters say fltp:
 // the sample queue and a filter follow what the decoder really delivers.
 TEST(DecoderApi, AudioWhoseDecodedFormatDiffersFromTheStreamParameters) {

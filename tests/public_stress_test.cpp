@@ -1,0 +1,186 @@
+// A bounded stress run of the public interface, as a busy host drives it:
+// 8 threads and 16 decoders over 3 files (two videos and a position-coded
+// audio ramp), synchronous and asynchronous requests, positioning, close and
+// reopen, decoders replaced, and probes of new paths to the same movies.
+// Nothing may deadlock and every delivered picture and span must be exact.
+// CLIPDEC_STRESS_SECONDS sets the length (default 4 s; scripts/stress.sh runs 60).
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "engine_support.h"
+#include "ff_tools.h"
+#include "ffdecoder.h"
+#include "media.h"
+#include "watchdog.h"
+
+using namespace ff;
+
+namespace {
+
+int stress_seconds() {
+    const char* text = std::getenv("CLIPDEC_STRESS_SECONDS");
+    const int s = text ? std::atoi(text) : 0;
+    return s > 0 ? s : 4;
+}
+
+struct Source {
+    enginetest::VideoUnderTest video;   // empty stream for the audio ramp
+    const StreamCtx* audio = nullptr;
+};
+
+struct Slot {
+    std::mutex mutex;                   // guards `decoder` (the pointer), not its use
+    std::shared_ptr<FFDecoder> decoder;
+    const Source* source = nullptr;
+};
+
+struct Tally {
+    std::atomic<int> pictures{0}, spans{0}, async_answers{0}, wrong{0}, wrong_spans{0}, probes{0};
+};
+
+const StreamCtx* stream_of(const Source& s) { return s.audio ? s.audio : s.video.stream; }
+
+int expected_index(const enginetest::VideoUnderTest& v, const Rational& t) {
+    const int64_t start = v.stream->start_time == kNoPts ? 0 : v.stream->start_time;
+    return enginetest::expect_down(v, start + time_to_timestamp(t, v.stream->time_base)).index;
+}
+
+bool span_is_ramp(const AFrameCtx& a, long long first) {
+    const auto* s = reinterpret_cast<const int16_t*>(a.data[0]);
+    for (int i = 0; i < a.nb_samples; ++i)
+        if (s[2 * i] != testmedia::ramp_sample(first + i, 0) || s[2 * i + 1] != testmedia::ramp_sample(first + i, 1))
+            return false;
+    return true;
+}
+
+void ask_picture(FFDecoder& dec, const Source& src, std::mt19937& rng, bool async, Tally& tally) {
+    RequireVideoFrame req;
+    req.time = Rational(static_cast<long long>(rng() % 4200), 1000);
+    req.format = rng() % 2 ? PF_RGBA : PF_YUV420P;
+    const int expected = expected_index(src.video, req.time);
+    auto check = [&tally, expected](const std::shared_ptr<VFrameCtx>& p) {
+        if (testmedia::picture_index(*p) != expected) ++tally.wrong;
+    };
+    if (!async) {
+        if (const auto p = dec.getVideoFrame(req)) {
+            ++tally.pictures;
+            check(p);
+        }
+        return;
+    }
+    dec.getVideoFrameAsync(req, [&tally, check](std::shared_ptr<VFrameCtx> p) {
+        ++tally.async_answers;
+        check(p);
+    });
+}
+
+void ask_span(FFDecoder& dec, std::mt19937& rng, Tally& tally) {
+    const long long first = rng() % (3 * 48000);
+    RequireAudioFrame req;
+    req.format = SF_S16;
+    req.range = Range(Rational(first, 48000), Rational(first + 960 + rng() % 4000, 48000));
+    if (const auto a = dec.getAudioFrame(req)) {
+        ++tally.spans;
+        if (!span_is_ramp(*a, first)) ++tally.wrong_spans;
+    }
+}
+
+// A new path to the same movie: a fresh probe, a decoder on it, one answer.
+void probe_new_path(const Source& src, int serial, Tally& tally) {
+    const std::string original = src.audio ? testmedia::path("pcm_s16.wav") : testmedia::path(src.video.name.c_str());
+    const std::string link = std::string(CLIPDEC_TEST_TMP) + "/stress_" + std::to_string(getpid()) + "_" +
+                             std::to_string(serial) + (src.audio ? ".wav" : ".mp4");
+    unlink(link.c_str());
+    if (::link(original.c_str(), link.c_str()) != 0) return;
+    if (const MovieCtx* mv = getMovieInfo(link.c_str(), nullptr)) {
+        ++tally.probes;
+        if (mv->nb_streams < 1) ++tally.wrong;
+    }
+    unlink(link.c_str());
+}
+
+}  // namespace
+
+TEST(PublicStress, ThreadsDecodersRequestsAndReopensNeverDeadlockOrMisanswer) {
+    Source sources[3];
+    sources[0].video = enginetest::load_video("h264_cfr.mp4");
+    sources[1].video = enginetest::load_video("vfr.mkv");
+    MovieCtx* wav = getMovieInfo(testmedia::path("pcm_s16.wav").c_str(), nullptr);
+    ASSERT_NE(wav, nullptr);
+    sources[2].audio = wav->streams[wav->audio_indexes[0]];
+    ASSERT_NE(sources[0].video.stream, nullptr);
+    ASSERT_NE(sources[1].video.stream, nullptr);
+
+    constexpr int kThreads = 8, kDecoders = 16;
+    std::vector<Slot> slots(kDecoders);
+    for (int i = 0; i < kDecoders; ++i) slots[i].source = &sources[i % 3];
+
+    const int seconds = stress_seconds();
+    testsupport::Watchdog watchdog("public stress", std::chrono::seconds(seconds + 120));
+    Tally tally;
+    std::atomic<int> serial{0};
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 rng(4242 + t);
+            while (std::chrono::steady_clock::now() < end) {
+                Slot& slot = slots[rng() % kDecoders];
+                const unsigned op = rng() % 100;
+                std::shared_ptr<FFDecoder> dec;
+                {
+                    std::lock_guard<std::mutex> lock(slot.mutex);
+                    if (!slot.decoder || op < 3) {  // a new decoder; the old one goes with its last user
+                        slot.decoder = std::make_shared<FFDecoder>();
+                        slot.decoder->open(stream_of(*slot.source));
+                        continue;
+                    }
+                    dec = slot.decoder;
+                }
+                const Source& src = *slot.source;
+                if (op < 6) {
+                    dec->close();  // other threads' requests on it may now answer nothing
+                } else if (op < 10) {
+                    dec->reopen();
+                } else if (op < 13) {
+                    probe_new_path(src, serial++, tally);
+                } else if (op < 18) {
+                    if (src.audio) {
+                        RequireAudioFrame seek;
+                        seek.format = static_cast<SampleFormat>(FMT_SEEK_ONLY);
+                        seek.range = Range(Rational(rng() % 3, 1), Rational(rng() % 3 + 1, 1));
+                        dec->getAudioFrame(seek);
+                    } else {
+                        dec->pri_seek(Rational(static_cast<long long>(rng() % 4000), 1000), rng() % 2);
+                    }
+                } else if (src.audio) {
+                    ask_span(*dec, rng, tally);
+                } else {
+                    ask_picture(*dec, src, rng, op < 40, tally);
+                }
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    for (Slot& slot : slots) slot.decoder.reset();  // closes; waiting callbacks are made stale
+
+    EXPECT_EQ(tally.wrong.load(), 0);
+    EXPECT_EQ(tally.wrong_spans.load(), 0);
+    EXPECT_GT(tally.pictures.load(), 50);
+    EXPECT_GT(tally.spans.load(), 20);
+    EXPECT_GT(tally.async_answers.load(), 0);
+    EXPECT_GT(tally.probes.load(), 0);
+    std::printf("public stress, %d s: %d pictures, %d spans, %d async answers, %d probes\n", seconds,
+                tally.pictures.load(), tally.spans.load(), tally.async_answers.load(), tally.probes.load());
+}
