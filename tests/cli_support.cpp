@@ -19,6 +19,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include "ff_ptr.h"
 #include "media.h"
 
 extern char** environ;
@@ -34,23 +35,10 @@ std::string read_all(const std::string& path) {
     return text.str();
 }
 
-struct InputCloser {
-    void operator()(AVFormatContext* f) const { avformat_close_input(&f); }
-};
-struct CodecFreer {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct FrameFreer {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-struct PacketFreer {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-
 // A file opened for decoding its best stream of `type`.
 struct Decoding {
-    std::unique_ptr<AVFormatContext, InputCloser> format;
-    std::unique_ptr<AVCodecContext, CodecFreer> codec;
+    ff::UniqueAVFormatInput format;
+    ff::UniqueAVCodecContext codec;
     int stream = -1;
 
     bool open(const std::string& path, AVMediaType type) {
@@ -69,8 +57,8 @@ struct Decoding {
     // Calls `take` for every decoded frame of the stream.
     template <typename Take>
     void each_frame(Take take) {
-        std::unique_ptr<AVPacket, PacketFreer> packet(av_packet_alloc());
-        std::unique_ptr<AVFrame, FrameFreer> frame(av_frame_alloc());
+        ff::UniqueAVPacket packet = ff::make_packet();
+        ff::UniqueAVFrame frame = ff::make_frame();
         auto drain = [&] {
             while (avcodec_receive_frame(codec.get(), frame.get()) >= 0) {
                 take(frame.get());

@@ -1,5 +1,7 @@
 #include "image_file.h"
 
+#include "av_ptr.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/frame.h>
@@ -13,23 +15,14 @@ namespace cli {
 
 namespace {
 
-struct CodecDeleter {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct FrameDeleter {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-struct PacketDeleter {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
 struct FileCloser {
     void operator()(FILE* f) const { std::fclose(f); }
 };
 
 bool encode_png(const uint8_t* rgba, int linesize, int width, int height, AVPacket* out, std::string& error) {
     const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_PNG);
-    std::unique_ptr<AVCodecContext, CodecDeleter> ctx(codec ? avcodec_alloc_context3(codec) : nullptr);
-    std::unique_ptr<AVFrame, FrameDeleter> frame(av_frame_alloc());
+    CodecPtr ctx(codec ? avcodec_alloc_context3(codec) : nullptr);
+    FramePtr frame(av_frame_alloc());
     if (!ctx || !frame) {
         error = "no PNG encoder in this FFmpeg";
         return false;
@@ -63,7 +56,7 @@ bool write_png(const std::string& path, const uint8_t* rgba, int linesize, int w
         error = "no picture to write";
         return false;
     }
-    std::unique_ptr<AVPacket, PacketDeleter> packet(av_packet_alloc());
+    PacketPtr packet(av_packet_alloc());
     if (!packet || !encode_png(rgba, linesize, width, height, packet.get(), error)) {
         if (!packet) error = "out of memory";
         return false;

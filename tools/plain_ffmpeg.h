@@ -3,8 +3,8 @@
 // conversion to RGBA with sws_scale, resampling with swr_convert.
 #pragma once
 
-#include <cstdint>
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 
 extern "C" {
@@ -15,15 +15,9 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
-namespace cli {
+#include "av_ptr.h"
 
-struct FormatCloser { void operator()(AVFormatContext* p) const { avformat_close_input(&p); } };
-struct CodecFreer { void operator()(AVCodecContext* p) const { avcodec_free_context(&p); } };
-struct FrameFreer { void operator()(AVFrame* p) const { av_frame_free(&p); } };
-struct PacketFreer { void operator()(AVPacket* p) const { av_packet_free(&p); } };
-struct SwsFreer { void operator()(SwsContext* p) const { sws_freeContext(p); } };
-struct SwrFreer { void operator()(SwrContext* p) const { swr_free(&p); } };
-using FramePtr = std::unique_ptr<AVFrame, FrameFreer>;
+namespace cli {
 
 // The textbook loop on one stream of the file: its own demuxer, a decoder
 // with threads "auto" (as the library opens its own), send/receive, packets
