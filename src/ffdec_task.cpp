@@ -10,6 +10,7 @@
 #include "log.h"
 #include "movie_info.h"
 #include "no_bridge.h"
+#include "rational_convert.h"
 
 namespace ff {
 namespace {
@@ -117,7 +118,10 @@ std::shared_ptr<AVFrame> FFDec_Task::get_exist_resource(long long t, bool next) 
 }
 
 FFDec_Task::SeekResult FFDec_Task::seek_or_rewind(long long ts) {
-    if (instance->seek(ts, true)) return SeekResult::Sought;
+    if (instance->seek(ts, true)) {
+        decoded_since_start = ts <= 0 ? 0 : -1;
+        return SeekResult::Sought;
+    }
     // A failed seek may leave the demuxer anywhere (often at the end, after
     // searching for an index); a fresh instance starts at the beginning.
     CLIPDEC_LOG(kLogDebug, kTagDefault, "seek failed, decoding from the start: %s", name);
@@ -128,7 +132,23 @@ FFDec_Task::SeekResult FFDec_Task::seek_or_rewind(long long ts) {
     }
     delete instance;
     instance = fresh;
+    decoded_since_start = 0;
     return SeekResult::Rewound;
+}
+
+void FFDec_Task::stamp_frame(AVFrame* f) {
+    fix_pts(f);
+    const long long counted = decoded_since_start;
+    if (counted >= 0) decoded_since_start += stream->type == STREAM_AUDIO ? std::max(f->nb_samples, 0) : 1;
+    if (f->pts != AV_NOPTS_VALUE || counted < 0) return;
+    const AVRational base = rational_convert(stream->time_base);
+    AVRational unit{0, 1};
+    if (stream->type == STREAM_AUDIO && stream->sample_rate > 0) unit = {1, stream->sample_rate};
+    if (stream->type == STREAM_VIDEO && stream->frame_rate.num > 0 && stream->frame_rate.den > 0)
+        unit = {static_cast<int>(stream->frame_rate.den), static_cast<int>(stream->frame_rate.num)};
+    if (unit.num == 0 || base.num <= 0 || base.den <= 0) return;
+    const long long start = stream->start_time == kNoPts ? 0 : stream->start_time;
+    f->pts = f->best_effort_timestamp = start + av_rescale_q(counted, unit, base);
 }
 
 std::shared_ptr<AVFrame> FFDec_Task::append_frame(const std::shared_ptr<AVFrame>& frame) {
@@ -202,13 +222,14 @@ std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std
                 ++pre_tries;
                 CLIPDEC_LOG(kLogDebug, kTagDefault, "seek pre without flush, try=%d", pre_tries);
                 instance->seek(s, false);
+                decoded_since_start = s <= 0 ? 0 : -1;
                 continue;
             }
             if (++errors > kMaxErrors) break;
             CLIPDEC_LOG(kLogDebug, kTagDefault, "ret<0, try again (try_count=%d)", errors);
             continue;
         }
-        if (!eof) fix_pts(frame.get());
+        if (!eof) stamp_frame(frame.get());
 
         if (seeked && (eof || frame->best_effort_timestamp > t)) {
             // The seek landed after the target: one second earlier, down to 0.
@@ -294,7 +315,7 @@ std::shared_ptr<AVFrame> FFDec_Task::get_next_frame(std::atomic<bool>* cancel, b
                     CLIPDEC_LOG(kLogDebug, kTagDefault, "ret<0, try again (try_count=%d)", errors);
                     continue;
                 }
-                fix_pts(frame.get());
+                stamp_frame(frame.get());
                 append_frame(frame);
                 answer = frame;
                 break;

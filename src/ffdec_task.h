@@ -73,6 +73,10 @@ public:
     long long ts_per_sec = 0;      // stream units per second
     std::list<std::shared_ptr<AVFrame>> frames;  // ascending, front = oldest
     bool at_begin = false;         // the front frame is the stream's first
+    // Frames (video) or samples (audio) decoded since the stream's start, or
+    // -1 once a seek put the instance somewhere unknown. Streams without any
+    // timestamps (raw elementary streams) get theirs from this count.
+    long long decoded_since_start = 0;
     bool at_end = false;           // the stream ends after the back frame
     bool broken = false;           // end of stream with nothing cached: answers nothing
     unsigned max_frames = 0;
@@ -86,6 +90,9 @@ private:
     // Seeks the instance; a stream that cannot seek (raw elementary streams,
     // some pipes) is reopened instead, which puts it back at its start.
     SeekResult seek_or_rewind(long long ts);
+    // Gives a frame without any timestamp the one its place in the stream
+    // implies, and counts it.
+    void stamp_frame(AVFrame* frame);
     // Appends a decoded frame, dropping the oldest when the cache is over its
     // limit (so it holds at most max_frames + 1); returns the previous back.
     std::shared_ptr<AVFrame> append_frame(const std::shared_ptr<AVFrame>& frame);

@@ -8,6 +8,7 @@
 
 #include "decode_counters.h"
 #include "engine_support.h"
+#include "ff_tools.h"
 #include "ffdecoder.h"
 #include "ffdecoder2.h"
 #include "media.h"
@@ -226,6 +227,30 @@ TEST(DecoderApi, PicturesMatchTheReferenceAndStillsAreKept) {
     ASSERT_TRUE(audio.open(stream_of("pcm_s16.wav", STREAM_AUDIO)));
     EXPECT_EQ(audio.getImageDivider(MM_AUTO), 1);
     EXPECT_EQ(dec.getImageDivider(MM_FULL), 1);
+}
+
+// A raw H.264 stream carries no timestamps at all: its frames are numbered
+// from the start at the stream's frame rate, also after rewinding for an
+// earlier time (a raw stream cannot seek).
+TEST(DecoderApi, RawStreamWithoutTimestampsGivesTheFrameOfEachTime) {
+    const StreamCtx* st = stream_of("raw.h264", STREAM_VIDEO);
+    ASSERT_NE(st, nullptr);
+    ASSERT_EQ(st->frame_rate.num, 25);
+    FFDecoder dec;
+    ASSERT_TRUE(dec.open(st));
+    for (long long ms : {0LL, 1000LL, 2000LL, 500LL, 2900LL, 200LL, 1500LL, 40LL, 39LL}) {
+        RequireVideoFrame req;
+        req.time = Rational(ms, 1000);
+        const auto p = dec.getVideoFrame(req);
+        ASSERT_NE(p, nullptr) << ms;
+        EXPECT_EQ(testmedia::picture_index(*p), ms * 25 / 1000) << ms << " ms";
+        EXPECT_EQ(p->pts, ms * 25 / 1000 * 40000) << ms << " ms";
+    }
+    RequireMvImage thumb;
+    thumb.time = Rational(3, 2);
+    const auto picture = getMovieImage(testmedia::path("raw.h264").c_str(), thumb, nullptr);
+    ASSERT_NE(picture, nullptr);
+    EXPECT_EQ(testmedia::picture_index(*picture), 37);
 }
 
 TEST(DecoderApi, ClosedAndNeverOpenedDecodersAnswerNothing) {

@@ -53,8 +53,8 @@ TEST(ThumbnailDivider, FollowsTheWidthThenHeightRules) {
 }
 
 TEST(Thumbnail, EveryVideoFileGivesThePredictedPictureAtTheDividedSize) {
-    // raw.h264 is left out: an elementary stream without an index cannot be
-    // positioned, so the decoder gives it no picture past its start.
+    // raw.h264 is left out: its plain decode has no timestamps to predict
+    // from (DecoderApi.RawStreamWithoutTimestampsGivesTheFrameOfEachTime).
     const char* files[] = {"h264_cfr.mp4", "h264_23976.mp4",      "vfr.mkv",   "ts_offset.ts",
                            "vp9_opus.webm", "rotated.mp4",        "subs.mkv",  "nodecoder_first.mp4",
                            "still.png",    "mp3_cover.mp3"};
