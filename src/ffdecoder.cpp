@@ -61,6 +61,8 @@ constexpr int kSilenceLimit = 192000;  // samples of silence written for a late 
 // A single request above this many samples per channel is refused rather
 // than sized into an int.
 constexpr long long kMaxRequestSamples = 1LL << 28;
+// Frames passed over because they were already queued, per request at most.
+constexpr int kMaxSkippedFrames = 256;
 
 bool is_seek_only(int32_t format) { return format == FMT_SEEK_ONLY; }
 
@@ -309,6 +311,8 @@ std::shared_ptr<AFrameCtx> FFDecoder::pri_getAudioFrame(const RequireAudioFrame&
 
     long long drain = 0;
     bool first = new_run;
+    long long previous_pts = AV_NOPTS_VALUE;
+    int skipped = 0;
     while ((d->fifo ? av_audio_fifo_size(d->fifo) : 0) < need + drain) {  // made by the first frame
         const bool f_is_first = first;
         std::shared_ptr<AVFrame> f = first ? d->get_frame(target, req.cancel) : d->get_next_frame(req.cancel, false);
@@ -336,9 +340,17 @@ std::shared_ptr<AFrameCtx> FFDecoder::pri_getAudioFrame(const RequireAudioFrame&
             }
         }
         int skip = 0;
-        if (!f_is_first) {
+        // Only frames whose timestamps rise are lined up: a damaged stream
+        // whose timestamps go back is queued as it comes, so every turn of
+        // this loop adds samples and the loop ends.
+        const bool rising = previous_pts == AV_NOPTS_VALUE || f->pts == AV_NOPTS_VALUE || f->pts > previous_pts;
+        previous_pts = f->pts;
+        if (!f_is_first && rising && skipped < kMaxSkippedFrames) {
             f = continue_queue(d, std::move(f), req.cancel, skip);
-            if (!f) continue;  // already queued: take the one after it
+            if (!f) {  // already queued: take the one after it
+                ++skipped;
+                continue;
+            }
         }
         if (write_to_queue(d->fifo, f.get(), skip) < 0) break;
         // Without a timestamp there is nothing to line the next frame up with.
