@@ -4,10 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <random>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -145,54 +143,6 @@ TEST(MempoolCollectionTest, ReleasesOnlyBuffersIdleLongerThanAge) {
     mp::collection(1000);  // 1001 ms: released
     EXPECT_EQ(mp::stats().free_count, 0u);
     mp::set_clock_for_testing(nullptr);
-}
-
-// Many threads allocate, fill, verify and return buffers of a few classes at
-// once. A buffer handed to two holders at a time shows up in the shared set
-// of live pointers, or as a pattern overwritten by another thread.
-TEST(MempoolStressTest, NoBufferIsHandedOutTwice) {
-    static constexpr unsigned kSizes[] = {24, 100, 500, 1000, 2048, 4000};
-    const Counts before = counts();
-    std::mutex live_mutex;
-    std::set<void*> live;  // guarded by live_mutex
-    std::atomic<int> faults{0};
-
-    auto worker = [&](int id) {
-        std::mt19937 rng(1234u + static_cast<unsigned>(id));
-        std::vector<std::pair<unsigned char*, unsigned>> held;
-        for (int op = 0; op < 20000 || !held.empty(); ++op) {
-            if (op < 20000 && held.size() < 8 && (held.empty() || rng() % 2 == 0)) {
-                const unsigned size = kSizes[rng() % 6];
-                auto* p = static_cast<unsigned char*>(mp::malloc(size, 16));
-                std::lock_guard<std::mutex> lock(live_mutex);
-                if (!p || !mp::is_alignment(p, 16) || !live.insert(p).second) faults.fetch_add(1);
-                if (!p) continue;
-                std::memset(p, static_cast<unsigned char>(id * 31 + size), size);
-                held.emplace_back(p, size);
-            } else {
-                const std::size_t i = rng() % held.size();
-                const auto [p, size] = held[i];
-                held[i] = held.back();
-                held.pop_back();
-                const unsigned char mark = static_cast<unsigned char>(id * 31 + size);
-                if (!std::all_of(p, p + size, [mark](unsigned char v) { return v == mark; }))
-                    faults.fetch_add(1);
-                {
-                    std::lock_guard<std::mutex> lock(live_mutex);
-                    live.erase(p);  // before the pool may hand it to someone else
-                }
-                mp::free(p);
-            }
-        }
-    };
-
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i) threads.emplace_back(worker, i);
-    for (std::thread& t : threads) t.join();
-    EXPECT_EQ(faults.load(), 0);
-    EXPECT_TRUE(live.empty());
-    mp::collection(0);
-    EXPECT_EQ(counts(), (Counts{before[0], before[1], 0, 0}));
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <fstream>
 #include <set>
-#include <thread>
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -224,29 +223,3 @@ TEST(Probe, StartTimesAndRotation) {
     avformat_free_context(ctx);
 }
 
-TEST(Probe, ConcurrentProbesReturnCompleteStableRecords) {
-    const char* names[] = {"h264_cfr.mp4", "vp9_opus.webm", "flac_6ch.flac", "subs.mkv"};
-    std::vector<std::string> files;
-    for (const char* n : names) files.push_back(fresh_copy(n, "concurrent"));
-    std::vector<std::thread> threads;
-    std::vector<std::vector<MovieCtx*>> got(8);
-    for (int t = 0; t < 8; ++t) {
-        threads.emplace_back([t, &files, &got] {
-            for (int round = 0; round < 3; ++round)
-                for (size_t f = 0; f < files.size(); ++f)
-                    got[t].push_back(FFDecoder::probe(files[(f + t) % files.size()].c_str(), nullptr));
-        });
-    }
-    for (auto& th : threads) th.join();
-    for (const auto& records : got) {
-        for (MovieCtx* mv : records) {
-            ASSERT_NE(mv, nullptr);
-            ASSERT_GE(mv->nb_streams, 1);
-            for (int i = 0; i < mv->nb_streams; ++i) EXPECT_EQ(mv->streams[i]->movie, mv);
-        }
-    }
-    for (const std::string& f : files) {
-        MovieCtx* first = FFDecoder::probe(f.c_str(), nullptr);
-        EXPECT_EQ(FFDecoder::probe(f.c_str(), nullptr), first);
-    }
-}

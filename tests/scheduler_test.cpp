@@ -1,7 +1,6 @@
 // The decode scheduler, driven by scripted fake workers: which worker serves a
 // request, how a request waits for a busy worker heading to its frame, how a
-// cancelled waiter gives up, which worker a closing decoder removes, and a
-// many-thread soak with workers coming and going.
+// cancelled waiter gives up, and which worker a closing decoder removes.
 //
 // A fake keeps its "cache" as a map of timestamps to frames, guarded by the
 // worker's own mutex like the real task, and can hold a job at a latch so that
@@ -382,61 +381,3 @@ TEST(SchedulerRemoval, RemovesOnlyTheLeastRecentlyUsedIdleWorker) {
     }
 }
 
-TEST(SchedulerStress, ManyThreadsWithWorkersComingAndGoing) {
-    constexpr int kThreads = 8, kRequests = 1500;
-    Pool p;
-    auto add_follower = [&] { p.add([](FakeWorker& w) { w.follow = true, w.max_held = 6; }); };
-    for (int i = 0; i < 3; ++i) add_follower();
-    auto lcg = [](uint64_t& x) { return x = x * 6364136223846793005ull + 1442695040888963407ull; };
-    std::atomic<int> wrong{0};
-    const Counts c0 = counts_now();
-    auto run = std::async(std::launch::async, [&] {
-        std::atomic<bool> stop{false};
-        std::thread churn([&] {
-            // Decoders opening (a worker more) and closing (a removal, maybe
-            // deferred), never fewer than two open.
-            int open = 3;
-            for (uint64_t x = 12345; !stop.load(); std::this_thread::yield()) {
-                const bool opening = (lcg(x) >> 40) % 2 == 0;
-                if (opening && open < 6) add_follower(), ++open;
-                if (!opening && open > 2) p.sched.remove_worker(nullptr, true), --open;
-            }
-        });
-        std::vector<std::thread> requesters;
-        for (int k = 0; k < kThreads; ++k) {
-            requesters.emplace_back([&, k] {
-                // Pairs of decoders play over one region, mostly forward with
-                // the odd jump, so frames are shared and waited for.
-                uint64_t x = 0x9E3779B97F4A7C15ull * static_cast<uint64_t>(k + 1);
-                long long cursor = 0;
-                for (int i = 0; i < kRequests; ++i) {
-                    const uint64_t r = lcg(x) >> 33;
-                    cursor = r % 16 == 0 ? static_cast<long long>((r >> 8) % 300) : cursor + 1;
-                    const bool next = (r >> 4) % 7 == 0;
-                    const long long ts = (k / 2) * 10000 + cursor;
-                    if (pts(p.sched.do_working(ts, nullptr, next, k + 1, "dec_stress")) != target_of(ts, next)) ++wrong;
-                }
-            });
-        }
-        for (std::thread& th : requesters) th.join();
-        stop = true;
-        churn.join();
-    });
-    if (run.wait_for(kGuard) != std::future_status::ready) stuck("requests deadlocked");
-    run.get();
-
-    EXPECT_EQ(wrong.load(), 0);
-    EXPECT_EQ(p.t.reentered.load(), 0) << "two jobs ran on one worker at once";
-    const Counts c1 = counts_now();
-    EXPECT_EQ((c1.jobs - c0.jobs) + (c1.hits - c0.hits), uint64_t{kThreads} * kRequests);  // each answered once
-    EXPECT_EQ(c1.jobs - c0.jobs, p.t.job_log().size());
-    EXPECT_GT(c1.hits - c0.hits, 0u);
-
-    // All idle now: every worker can be removed and is deleted once.
-    for (size_t n = p.sched.worker_count(); n > 0; --n) p.sched.remove_worker(nullptr, true);
-    EXPECT_EQ(p.sched.worker_count(), 0u);
-    const std::vector<int> gone = p.t.gone_ids();
-    EXPECT_EQ(gone.size(), static_cast<size_t>(p.t.created.load()));
-    EXPECT_EQ(std::set<int>(gone.begin(), gone.end()).size(), gone.size());
-    EXPECT_EQ(p.t.deleted_in_use.load(), 0);
-}
