@@ -123,7 +123,7 @@ std::shared_ptr<VFrameCtx> getMovieImage(const char* path, const RequireMvImage&
     frame_req.time = req.time.den != 0
                          ? req.time
                          : Rational(truncate_to_int64(static_cast<double>(movie->duration) * req.ratio), 1000000);
-    ThumbnailKey key{movie->path ? movie->path : "", frame_req.time, req.width, req.height, req.format};
+    ThumbnailKey key{movie->path ? movie->path : "", frame_req.time, req.width, req.height, req.format, req.upright};
     key.time.reduce();
     // A raised cancel flag gets the empty answer a cancelled decode gives.
     const bool cancelled = req.cancel && req.cancel->load();
@@ -140,6 +140,7 @@ std::shared_ptr<VFrameCtx> getMovieImage(const char* path, const RequireMvImage&
     frame_req.cancel = req.cancel;
     // The picture's memory belongs to the record, so it survives the decoder.
     std::shared_ptr<VFrameCtx> picture = decoder->getVideoFrame(frame_req);
+    if (req.upright) picture = getUprightImage(picture, stream->orientation);
     ThumbnailCache::instance().insert(key, picture);
     return picture;
 }

@@ -44,6 +44,7 @@ struct RequireMvImage {
     int height = 0;                         // target height in pixels; <= 0: no height limit
     PixelFormat format = PF_RGBA;
     std::atomic<bool>* cancel = nullptr;    // handed to the probe and to the picture request
+    bool upright = false;                   // turn the picture as the stream's display matrix says
 };
 
 // The divider getMovieImage uses for a src_width x src_height stream and a
@@ -55,12 +56,22 @@ CLIPDEC_API int movie_image_divider(int src_width, int src_height, int width, in
 // One picture of the movie at `path`, or empty. Probes the file, decodes on
 // its first video stream that opens, at req.time (or at req.ratio of the
 // duration), with the largest divider that keeps the picture at about the
-// target size and not under half of it. `*duration` (may be null) receives
+// target size and not under half of it, turned upright when `req.upright`
+// (the sizes then apply to the stored picture). `*duration` (may be null) receives
 // the movie's duration as {microseconds, 1000000} once the probe succeeded,
 // even when no picture results. The picture outlives the decoder that made it.
 // The most recent pictures (32, at most 64 MB) are kept: the same path, time,
 // target size and format again give the same picture without decoding.
 CLIPDEC_API std::shared_ptr<VFrameCtx> getMovieImage(const char* path, const RequireMvImage& req, Rational* duration);
+
+// A new picture holding `picture` turned by `how` (StreamCtx::orientation
+// says how a stream's pictures are seen upright; a quarter turn swaps width
+// and height), in pooled memory; the same picture for OR_NORMAL. Decoded
+// pictures keep their stored orientation, so a host turns them itself in its
+// compositor or through this. Works for the library's picture formats (RGBA,
+// YUV420P, NV12); null for others, for a null picture, or when memory runs
+// out.
+CLIPDEC_API std::shared_ptr<VFrameCtx> getUprightImage(const std::shared_ptr<VFrameCtx>& picture, Orientation how);
 
 // The peak level of an audio record on the scale 0 .. `scale` (see
 // Audio_Volume_Peak); for planar records the first plane only. 0 for an

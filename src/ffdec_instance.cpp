@@ -6,11 +6,32 @@
 #include "hw/hw_decoder.h"
 #include "log.h"
 
+#include <cstring>
+
 extern "C" {
 #include <libavutil/mathematics.h>
 }
 
 namespace ff {
+namespace {
+
+// The decoder for `st`. FFmpeg's native VP8 and VP9 decoders ignore the alpha
+// plane that WebM carries beside the picture (marked by the track's
+// "alpha_mode"); libvpx's decoders keep it, so such streams go to them when
+// this FFmpeg has them.
+AVCodecPtr choose_decoder(const AVStream* st) {
+    const AVCodecID id = st->codecpar->codec_id;
+    const AVDictionaryEntry* alpha = av_dict_get(st->metadata, "alpha_mode", nullptr, 0);
+    if (alpha && std::strcmp(alpha->value, "1") == 0) {
+        AVCodecPtr with_alpha = id == AV_CODEC_ID_VP9   ? avcodec_find_decoder_by_name("libvpx-vp9")
+                                : id == AV_CODEC_ID_VP8 ? avcodec_find_decoder_by_name("libvpx")
+                                                        : nullptr;
+        if (with_alpha) return with_alpha;
+    }
+    return avcodec_find_decoder(id);
+}
+
+}  // namespace
 
 Instance::~Instance() { close(); }
 
@@ -40,7 +61,7 @@ bool Instance::open(const char* path, int stream_index) {
         return false;
     }
     stream = fmt_ctx->streams[stream_index];
-    AVCodecPtr decoder = avcodec_find_decoder(stream->codecpar->codec_id);
+    AVCodecPtr decoder = choose_decoder(stream);
     if (!decoder) {
         CLIPDEC_LOG(kLogError, kTagDefault, "failed to find decoder for: %s, [%d], %d", path,
                     stream_index, static_cast<int>(stream->codecpar->codec_id));

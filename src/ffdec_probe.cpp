@@ -14,6 +14,7 @@ extern "C" {
 #include "ff_ptr.h"
 #include "ffdec_instance.h"
 #include "log.h"
+#include "picture_orientation.h"
 #include "rational_convert.h"
 
 namespace ff {
@@ -113,6 +114,30 @@ void fix_duration(MovieCtx* mv, bool unreliable, bool last_still) {
                 static_cast<long long>(mv->duration / 1000000));
 }
 
+// The container's colour description of `st`.
+void describe_colors(StreamCtx* s, const AVCodecParameters* par) {
+    s->color_space = par->color_space;
+    s->color_range = par->color_range;
+    s->color_primaries = par->color_primaries;
+    s->color_trc = par->color_trc;
+    s->chroma_location = par->chroma_location;
+    s->field_order = par->field_order;
+}
+
+// What the first decoded frame says, where it says more than the container
+// (codecs such as VP9 carry their description in the bitstream only).
+void describe_colors(StreamCtx* s, const AVFrame* frame) {
+    if (frame->colorspace != AVCOL_SPC_UNSPECIFIED) s->color_space = frame->colorspace;
+    if (frame->color_range != AVCOL_RANGE_UNSPECIFIED) s->color_range = frame->color_range;
+    if (frame->color_primaries != AVCOL_PRI_UNSPECIFIED) s->color_primaries = frame->color_primaries;
+    if (frame->color_trc != AVCOL_TRC_UNSPECIFIED) s->color_trc = frame->color_trc;
+    if (frame->chroma_location != AVCHROMA_LOC_UNSPECIFIED) s->chroma_location = frame->chroma_location;
+    if (s->field_order == AV_FIELD_UNKNOWN)
+        s->field_order = !frame->interlaced_frame  ? AV_FIELD_PROGRESSIVE
+                         : frame->top_field_first ? AV_FIELD_TT
+                                                  : AV_FIELD_BB;
+}
+
 }  // namespace
 
 double get_rotation(AVStream* st) {
@@ -140,12 +165,14 @@ StreamCtx* probe_video_stream(MovieCtx* mv, AVStream* st, long long movie_durati
     UniqueAVPacket pkt = make_packet();
     UniqueAVFrame frame = make_frame();
     Instance inst;
+    describe_colors(s, st->codecpar);
     // Without an opened decoder the record is built from the container's data alone.
     if (pkt && frame && inst.open(mv->path, st->index)) {
         sar = inst.codec_context()->sample_aspect_ratio;
         if (inst.get_frame(pkt.get(), frame.get()) >= 0) {
             sar = av_guess_sample_aspect_ratio(inst.format_contex(), inst.avstream(), frame.get());
             frame_rate = av_guess_frame_rate(inst.format_contex(), inst.avstream(), frame.get());
+            describe_colors(s, frame.get());
             s->codec_pix_fmt = st->codecpar->format;
             if (frame->format != s->codec_pix_fmt) {
                 s->frame_pix_fmt = frame->format;
@@ -172,6 +199,7 @@ StreamCtx* probe_video_stream(MovieCtx* mv, AVStream* st, long long movie_durati
     s->height = st->codecpar->height;
     s->pix_fmt = s->frame_pix_fmt != -1 ? s->frame_pix_fmt : s->codec_pix_fmt;
     s->rotation = get_rotation(st);
+    s->orientation = orientation_of(st, s->rotation);
     s->sample_aspect_ratio = rational_convert(sar);
     s->frame_rate = rational_convert(frame_rate);
     return append(mv, s);

@@ -58,6 +58,13 @@ public:
 
     // The picture on screen at req.time, or null (stale, cancelled, nothing
     // decodable, positioning request with format FMT_SEEK_ONLY).
+    // Colours follow the source's own matrix and range (untagged sources:
+    // BT.709 from 1280 wide or over 576 lines, BT.601 below, limited range
+    // unless the format is a `yuvj` one); RGBA is full range and keeps the
+    // source's alpha (255 where it has none); YUV pictures keep the source's
+    // matrix in limited range. The picture keeps the stored orientation:
+    // StreamCtx::rotation and StreamCtx::orientation say how to show it
+    // upright (getUprightImage turns it).
     std::shared_ptr<VFrameCtx> getVideoFrame(const RequireVideoFrame& req);
     // Exactly the samples of req.range at the requested rate: contiguous
     // requests continue without seeking; a late start is filled with silence.

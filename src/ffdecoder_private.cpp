@@ -9,6 +9,7 @@ extern "C" {
 }
 
 #include "async_helper.h"
+#include "color_conversion.h"
 #include "ff_compat.h"
 #include "ffdec_task.h"
 #include "ffmpeg_error.h"
@@ -114,15 +115,8 @@ std::shared_ptr<VFrameCtx> FFDecoderPrivate::convert_to_dst_frame(AVFrame* frame
         width = round_up(width / req.divider, 16);
         height = round_up(height / req.divider, 2);
     }
-    // libswscale asserts on formats it cannot handle; ask it first.
-    const auto src_format = static_cast<AVPixelFormat>(frame->format);
-    const bool convertible = sws_isSupportedInput(src_format) > 0 && sws_isSupportedOutput(dst_format) > 0 &&
-                             frame->width > 0 && frame->height > 0 && width > 0 && height > 0;
-    // (sws_getCachedContext frees the previous context itself when it makes a new one.)
-    if (convertible)
-        sws = sws_getCachedContext(sws, frame->width, frame->height, src_format, width, height, dst_format,
-                                   SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
-    if (!convertible || !sws) {
+    const ScalerSettings wanted = scaler_settings_for(*frame, width, height, dst_format);
+    if (!prepare_scaler(&sws, &sws_settings, wanted)) {
         CLIPDEC_LOG(kLogError, name, "no scaler for %dx%d fmt %d -> %dx%d fmt %d", frame->width, frame->height,
                     frame->format, width, height, static_cast<int>(dst_format));
         return {};
@@ -144,6 +138,8 @@ std::shared_ptr<VFrameCtx> FFDecoderPrivate::convert_to_dst_frame(AVFrame* frame
     picture->src_height = src_height;
     picture->divider = req.divider;
     picture->pts = av_rescale_q(frame->best_effort_timestamp, rational_convert(stream->time_base), kMicroseconds);
+    picture->color_space = wanted.dst_full_range ? AVCOL_SPC_RGB : wanted.dst_matrix;
+    picture->color_range = wanted.dst_full_range ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
 
     const int ret = sws_scale(sws, frame->data, frame->linesize, 0, frame->height, picture->data, picture->linesize);
     if (ret < 0) CLIPDEC_LOG(kLogError, name, "sws error: %s", ffmpeg_error(ret));

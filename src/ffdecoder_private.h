@@ -21,6 +21,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include "color_conversion.h"
 #include "frame_records.h"
 #include "range.h"
 #include "rational.h"
@@ -79,6 +80,7 @@ public:
     std::string filter_text;      // the description `filter` was built from
     int filter_sample_fmt = -1;   // the sample format an audio `filter` takes in
     SwsContext* sws = nullptr;
+    ScalerSettings sws_settings;  // what `sws` was built for
     AVAudioFifo* fifo = nullptr;
     int fifo_format = -1;         // the queue's layout: that of the decoded frames
     int fifo_channels = 0;

@@ -56,6 +56,11 @@ struct CLIPDEC_API VFrameCtx {
     int64_t pts = 0;               // microseconds
     void* buffer = nullptr;        // pooled block holding every plane; owned
     int size = 0;
+    // The picture's colour description (FFmpeg's AVColorSpace and
+    // AVColorRange numbers): RGBA pictures are AVCOL_SPC_RGB in full range;
+    // YUV pictures keep the source's matrix in limited range.
+    int color_space = 0;
+    int color_range = 0;
 
     VFrameCtx() = default;
     ~VFrameCtx();

@@ -28,6 +28,21 @@ struct Subtitle {
 
 struct MovieCtx;
 
+// How a stored picture is turned to be seen upright, from the stream's display
+// matrix (its rotation and flips). Quarter turns are clockwise; TRANSPOSE
+// mirrors across the main diagonal (a quarter turn counter-clockwise, then
+// upside down), TRANSVERSE across the other one.
+enum Orientation : int32_t {
+    OR_NORMAL = 0,
+    OR_ROTATE_90 = 1,
+    OR_ROTATE_180 = 2,
+    OR_ROTATE_270 = 3,
+    OR_HFLIP = 4,
+    OR_VFLIP = 5,
+    OR_TRANSPOSE = 6,
+    OR_TRANSVERSE = 7,
+};
+
 // One stream. The common fields come first; of the three groups after them,
 // only the one of `type` is filled (the others stay zero).
 struct StreamCtx {
@@ -57,6 +72,23 @@ struct StreamCtx {
 
     // subtitle (SubRip only)
     std::vector<Subtitle> subtitles;
+
+    // video: how the pictures are to be shown. Decoded pictures keep the
+    // stored orientation; `orientation` (with `rotation` above) says how to
+    // turn them upright.
+    Orientation orientation = OR_NORMAL;
+    // The colour description, as FFmpeg numbers it (AVColorSpace,
+    // AVColorRange, AVColorPrimaries, AVColorTransferCharacteristic,
+    // AVChromaLocation, AVFieldOrder; av_color_space_name and its sisters give
+    // the names). The first decoded frame's, else the container's; FFmpeg's
+    // "unspecified" / "unknown" when nobody says (and on other streams).
+    // A transfer of 16 (SMPTE ST 2084, PQ) or 18 (ARIB STD-B67, HLG) marks HDR.
+    int color_space = 2;           // AVCOL_SPC_UNSPECIFIED
+    int color_range = 0;           // AVCOL_RANGE_UNSPECIFIED
+    int color_primaries = 2;       // AVCOL_PRI_UNSPECIFIED
+    int color_trc = 2;             // AVCOL_TRC_UNSPECIFIED
+    int chroma_location = 0;       // AVCHROMA_LOC_UNSPECIFIED
+    int field_order = 0;           // AV_FIELD_UNKNOWN
 };
 
 constexpr int kMaxMovieStreams = 32;

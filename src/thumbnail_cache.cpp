@@ -11,7 +11,7 @@ size_t picture_bytes(const VFrameCtx& picture) { return picture.size > 0 ? stati
 bool ThumbnailKey::operator==(const ThumbnailKey& other) const {
     // Times are stored reduced, so equal times have equal pairs.
     return path == other.path && time.num == other.time.num && time.den == other.time.den && width == other.width &&
-           height == other.height && format == other.format;
+           height == other.height && format == other.format && upright == other.upright;
 }
 
 ThumbnailCache& ThumbnailCache::instance() {

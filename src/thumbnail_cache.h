@@ -21,6 +21,7 @@ struct ThumbnailKey {
     int width = 0;   // the request's target size
     int height = 0;
     int format = 0;
+    bool upright = false;
 
     bool operator==(const ThumbnailKey& other) const;
 };

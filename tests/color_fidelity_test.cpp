@@ -1,0 +1,160 @@
+// Pictures as their sources show them: every matrix and range, alpha, and fine
+// chroma detail above 8 bits, over the colour media of
+// scripts/gen_color_media.sh (whose patch table is repeated here).
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+
+extern "C" {
+#include <libavutil/pixdesc.h>
+#include <libswscale/swscale.h>
+}
+
+#include "ff_ptr.h"
+#include "ffdecoder.h"
+#include "media.h"
+
+using namespace ff;
+
+namespace {
+
+constexpr int kPatchRgb[16][3] = {
+    {255, 0, 0},     {0, 255, 0},    {0, 0, 255},  {0, 255, 255}, {255, 0, 255}, {255, 255, 0},
+    {230, 180, 150}, {198, 134, 66}, {141, 85, 36}, {0, 0, 0},     {24, 24, 24},  {64, 64, 64},
+    {128, 128, 128}, {192, 192, 192}, {255, 255, 255}, {200, 100, 50}};
+constexpr int kPatchAlpha[3] = {255, 128, 0};
+
+enum class Content { Patches, AlphaPatches, Lines };
+
+struct ColorCase {
+    const char* file;
+    Content content;
+    int pix_fmt;  // the probe's pixel format, or -1 not to check
+    int trc;      // the probe's transfer characteristic, or -1 not to check
+};
+
+const ColorCase kCases[] = {
+    {"color_bt709.mp4", Content::Patches, -1, AVCOL_TRC_BT709},
+    {"color_bt601.mp4", Content::Patches, -1, AVCOL_TRC_SMPTE170M},
+    {"color_bt2020_10bit.mp4", Content::Patches, AV_PIX_FMT_YUV420P10LE, AVCOL_TRC_SMPTE2084},
+    {"color_full_h264.mp4", Content::Patches, AV_PIX_FMT_YUVJ420P, -1},
+    {"color_full_vp9.webm", Content::Patches, -1, -1},
+    {"color_full_hevc.mp4", Content::Patches, -1, -1},
+    {"color_untagged_sd.mp4", Content::Patches, -1, AVCOL_TRC_UNSPECIFIED},
+    {"color_untagged_hd.mp4", Content::Patches, -1, AVCOL_TRC_UNSPECIFIED},
+    {"alpha_prores4444.mov", Content::AlphaPatches, -1, -1},
+    {"alpha_png.mov", Content::AlphaPatches, -1, -1},
+    {"alpha_qtrle.mov", Content::AlphaPatches, -1, -1},
+    {"alpha_vp9.webm", Content::AlphaPatches, AV_PIX_FMT_YUVA420P, -1},
+    {"lines_yuv444p10.mkv", Content::Lines, AV_PIX_FMT_YUV444P10LE, -1},
+    {"lines_yuv422p10.mkv", Content::Lines, AV_PIX_FMT_YUV422P10LE, -1},
+    {"lines_yuv420p12.mkv", Content::Lines, AV_PIX_FMT_YUV420P12LE, -1},
+};
+
+const StreamCtx* video_of(const char* file) {
+    MovieCtx* mv = FFDecoder::probe(testmedia::path(file).c_str(), nullptr);
+    return mv && mv->nb_video > 0 ? mv->streams[mv->video_indexes[0]] : nullptr;
+}
+
+std::shared_ptr<VFrameCtx> rgba_at(const StreamCtx* st, Rational t) {
+    FFDecoder dec;
+    if (!dec.open(st)) return {};
+    RequireVideoFrame req;
+    req.time = t;
+    req.format = PF_RGBA;
+    return dec.getVideoFrame(req);
+}
+
+// Every patch centre within 4 levels of its RGB, alpha within 2.
+void expect_patches(const VFrameCtx& p, bool with_alpha) {
+    for (int i = 0; i < 16; ++i) {
+        const int x = (2 * (i % 8) + 1) * p.width / 16;
+        const int y = p.height * 9 / 16 + (2 * (i / 8) + 1) * p.height * 7 / 64;
+        const uint8_t* px = p.data[0] + static_cast<size_t>(y) * p.linesize[0] + static_cast<size_t>(x) * 4;
+        for (int c = 0; c < 3; ++c)
+            EXPECT_NEAR(px[c], kPatchRgb[i][c], 4) << "patch " << i << " channel " << c;
+        EXPECT_NEAR(px[3], with_alpha ? kPatchAlpha[i % 3] : 255, 2) << "patch " << i << " alpha";
+    }
+}
+
+// The frame at `index` of `file`, decoded plainly with FFmpeg.
+UniqueAVFrame plain_frame(const std::string& file, int index) {
+    AVFormatContext* raw = nullptr;
+    if (avformat_open_input(&raw, file.c_str(), nullptr, nullptr) != 0) return {};
+    UniqueAVFormatInput fmt(raw);
+    avformat_find_stream_info(fmt.get(), nullptr);
+    const int s = av_find_best_stream(fmt.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (s < 0) return {};
+    const AVCodec* codec = avcodec_find_decoder(fmt->streams[s]->codecpar->codec_id);
+    UniqueAVCodecContext ctx(avcodec_alloc_context3(codec));
+    avcodec_parameters_to_context(ctx.get(), fmt->streams[s]->codecpar);
+    if (avcodec_open2(ctx.get(), codec, nullptr) < 0) return {};
+    UniqueAVPacket pkt = make_packet();
+    UniqueAVFrame frame = make_frame();
+    for (int n = 0; av_read_frame(fmt.get(), pkt.get()) >= 0; av_packet_unref(pkt.get())) {
+        if (pkt->stream_index != s || avcodec_send_packet(ctx.get(), pkt.get()) < 0) continue;
+        while (avcodec_receive_frame(ctx.get(), frame.get()) == 0)
+            if (n++ == index) return frame;
+    }
+    return {};
+}
+
+// A careful conversion to RGBA: bicubic, accurate rounding, full chroma, the
+// source's tagged matrix and range.
+std::vector<uint8_t> careful_rgba(const AVFrame& f) {
+    std::vector<uint8_t> rgba(static_cast<size_t>(f.width) * f.height * 4);
+    SwsContext* sws = sws_getContext(f.width, f.height, static_cast<AVPixelFormat>(f.format), f.width, f.height,
+                                     AV_PIX_FMT_RGBA,
+                                     SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT | SWS_FULL_CHR_H_INP,
+                                     nullptr, nullptr, nullptr);
+    const int* coefficients = sws_getCoefficients(f.colorspace);
+    sws_setColorspaceDetails(sws, coefficients, f.color_range == AVCOL_RANGE_JPEG, coefficients, 1, 0, 1 << 16,
+                             1 << 16);
+    uint8_t* dst[4] = {rgba.data()};
+    int dst_linesize[4] = {f.width * 4};
+    sws_scale(sws, f.data, f.linesize, 0, f.height, dst, dst_linesize);
+    sws_freeContext(sws);
+    return rgba;
+}
+
+double rgb_psnr(const VFrameCtx& p, const std::vector<uint8_t>& ref) {
+    double sum = 0;
+    for (int y = 0; y < p.height; ++y)
+        for (int x = 0; x < p.width; ++x)
+            for (int c = 0; c < 3; ++c) {
+                const double d = p.data[0][y * p.linesize[0] + x * 4 + c] - ref[(y * p.width + x) * 4 + c];
+                sum += d * d;
+            }
+    const double mse = sum / (3.0 * p.width * p.height);
+    return mse == 0 ? 99 : 10 * std::log10(255.0 * 255.0 / mse);
+}
+
+}  // namespace
+
+TEST(ColorFidelity, EverySourceLooksAsItsDescriptionSays) {
+    for (const ColorCase& c : kCases) {
+        SCOPED_TRACE(c.file);
+        const StreamCtx* st = video_of(c.file);
+        ASSERT_NE(st, nullptr);
+        if (c.pix_fmt >= 0) {
+            EXPECT_STREQ(av_get_pix_fmt_name(static_cast<AVPixelFormat>(st->pix_fmt)),
+                         av_get_pix_fmt_name(static_cast<AVPixelFormat>(c.pix_fmt)));
+        }
+        if (c.trc >= 0) {
+            EXPECT_EQ(st->color_trc, c.trc);
+        }
+        EXPECT_EQ(st->field_order, AV_FIELD_PROGRESSIVE);
+        // Frame 3 (of 5), identified by its bars as everywhere else.
+        const std::shared_ptr<VFrameCtx> picture = rgba_at(st, Rational(3, 25));
+        ASSERT_NE(picture, nullptr);
+        EXPECT_EQ(testmedia::picture_index(*picture), 3);
+        if (c.content == Content::Lines) {
+            UniqueAVFrame plain = plain_frame(testmedia::path(c.file), 3);
+            ASSERT_NE(plain, nullptr);
+            EXPECT_GE(rgb_psnr(*picture, careful_rgba(*plain)), 38.0);
+        } else {
+            expect_patches(*picture, c.content == Content::AlphaPatches);
+        }
+    }
+}
