@@ -7,7 +7,7 @@
 # still identified, and shows 16 flat patches of known 8-bit RGB below them:
 # 8 columns by 2 rows filling the bottom 7/16. Patch p (column + 8 * row)
 # holds PATCH_R/G/B[p] below; in the alpha media its alpha is
-# PATCH_A[p % 3]. tests/color_media.h holds the same table.
+# PATCH_A[p % 3]. tests/color_fidelity_test.cpp holds the same table.
 # The line media hold 1-pixel coloured lines below the bars instead.
 #
 # Each file is encoded losslessly or nearly so, so that the test measures the

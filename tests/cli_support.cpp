@@ -134,6 +134,7 @@ Picture decode_picture(const std::string& path) {
         picture.height = frame->height;
         picture.format = frame->format;
         picture.index = testmedia::frame_index(frame);
+        picture.turned_index = testmedia::frame_index(frame, true);
     });
     return picture;
 }

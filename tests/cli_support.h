@@ -25,6 +25,7 @@ struct Picture {
     int height = 0;
     int format = -1;   // FFmpeg pixel format
     int index = -1;    // the frame index the picture shows
+    int turned_index = -1;  // the index it shows when turned a quarter counter-clockwise
 };
 // The first picture of an image or movie file; width 0 when it cannot be read.
 Picture decode_picture(const std::string& path);

@@ -33,6 +33,11 @@ TEST(Cli, ProbeDescribesMoviesAsTextAndJson) {
     ASSERT_EQ(text.exit_code, kOk) << text.err;
     EXPECT_NE(text.out.find("320x240 yuv420p, 25.000 fps"), std::string::npos) << text.out;
     EXPECT_NE(text.out.find("48000 Hz, 2 channels"), std::string::npos) << text.out;
+    const auto hdr = run_tool({"probe", "--json", media("color_bt2020_10bit.mp4")});
+    EXPECT_NE(hdr.out.find("\"color_space\":\"bt2020nc\",\"color_range\":\"tv\",\"color_primaries\":\"bt2020\","
+                           "\"color_trc\":\"smpte2084\""),
+              std::string::npos)
+        << hdr.out;
 
     const auto json = run_tool({"probe", "--json", media("h264_cfr.mp4"), media("missing.mp4"), media("subs.mkv")});
     EXPECT_EQ(json.exit_code, kInput);
@@ -47,23 +52,29 @@ TEST(Cli, ProbeDescribesMoviesAsTextAndJson) {
 TEST(Cli, ThumbWritesThePredictedPictureAtTheDividedSize) {
     const std::string dir = clitest::scratch_dir("cli_thumb");
     struct Case {
+        const char* file;
         std::vector<std::string> where;
         int width, height, index;
+        bool turned;  // the index reads as on a picture turned a quarter counter-clockwise
     } cases[] = {
-        {{"--at", "1.5", "--size", "160x0"}, 160, 120, 37},          // on screen at 1.5 s: frame 37 (1.48 s)
-        {{"--at", "00:00:02.000"}, 320, 240, 50},
-        {{"--at", "1001/1000", "--size", "130x0"}, 112, 80, 25},      // divider 3, width padded to 16
-        {{"--ratio", "0.25", "--size", "0x60"}, 80, 60, 25},         // a quarter of 4 s
+        {"h264_cfr.mp4", {"--at", "1.5", "--size", "160x0"}, 160, 120, 37, false},  // on screen at 1.5 s: frame 37
+        {"h264_cfr.mp4", {"--at", "00:00:02.000"}, 320, 240, 50, false},
+        {"h264_cfr.mp4", {"--at", "1001/1000", "--size", "130x0"}, 112, 80, 25, false},  // divider 3, width padded
+        {"h264_cfr.mp4", {"--ratio", "0.25", "--size", "0x60"}, 80, 60, 25, false},      // a quarter of 4 s
+        // A clip whose display matrix turns it a quarter counter-clockwise
+        // comes upright (portrait) unless asked to keep the stored picture.
+        {"rotated.mp4", {"--at", "1"}, 240, 320, 25, true},
+        {"rotated.mp4", {"--at", "1", "--no-autorotate"}, 320, 240, 25, false},
     };
     for (const Case& c : cases) {
-        std::vector<std::string> args = {"thumb", media("h264_cfr.mp4"), "-o", dir + "/t.png"};
+        std::vector<std::string> args = {"thumb", media(c.file), "-o", dir + "/t.png"};
         args.insert(args.end(), c.where.begin(), c.where.end());
         const auto run = run_tool(args);
         ASSERT_EQ(run.exit_code, kOk) << run.err;
         const clitest::Picture picture = clitest::decode_picture(dir + "/t.png");
-        EXPECT_EQ(picture.width, c.width) << c.where[1];
+        EXPECT_EQ(picture.width, c.width) << c.file << " " << c.where[1];
         EXPECT_EQ(picture.height, c.height);
-        EXPECT_EQ(picture.index, c.index) << c.where[1];
+        EXPECT_EQ(c.turned ? picture.turned_index : picture.index, c.index) << c.file << " " << c.where[1];
     }
 }
 

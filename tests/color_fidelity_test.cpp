@@ -158,3 +158,22 @@ TEST(ColorFidelity, EverySourceLooksAsItsDescriptionSays) {
         }
     }
 }
+
+TEST(ColorFidelity, YuvPicturesKeepTheMatrixInLimitedRange) {
+    // Grey 24 of the patches: luma 16 + 24 * 219 / 255 in limited range,
+    // whatever range the source used.
+    for (const char* file : {"color_bt709.mp4", "color_full_h264.mp4", "color_full_vp9.webm"}) {
+        SCOPED_TRACE(file);
+        FFDecoder dec;
+        ASSERT_TRUE(dec.open(video_of(file)));
+        RequireVideoFrame req;
+        req.time = Rational(1, 25);
+        req.format = PF_YUV420P;
+        const std::shared_ptr<VFrameCtx> p = dec.getVideoFrame(req);
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ(p->color_space, AVCOL_SPC_BT709);
+        EXPECT_EQ(p->color_range, AVCOL_RANGE_MPEG);
+        const int x = 5 * p->width / 16, y = p->height * 9 / 16 + 3 * p->height * 7 / 64;  // patch 10
+        EXPECT_NEAR(p->data[0][y * p->linesize[0] + x], 37, 2);
+    }
+}

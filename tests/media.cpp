@@ -18,13 +18,15 @@ std::string path(const char* name) { return std::string(CLIPDEC_TEST_MEDIA) + "/
 
 namespace {
 
-// Reads the bars from a luma (or gray) plane: the middle row, each bar's centre.
-int read_bars(const uint8_t* plane, int linesize, int width, int height) {
-    const uint8_t* row = plane + static_cast<size_t>(height / 2) * linesize;
+// Reads the bars from a luma (or gray) plane: the middle row, each bar's
+// centre; or, for a picture turned a quarter counter-clockwise, the middle
+// column from the bottom up.
+int read_bars(const uint8_t* plane, int linesize, int width, int height, bool turned = false) {
     int value = 0;
     for (int bit = 0; bit < 16; ++bit) {
-        const int x = (2 * bit + 1) * width / 32;
-        if (row[x] > 128) value |= 1 << bit;
+        const uint8_t sample = turned ? plane[static_cast<size_t>(height - 1 - (2 * bit + 1) * height / 32) * linesize + width / 2]
+                                      : plane[static_cast<size_t>(height / 2) * linesize + (2 * bit + 1) * width / 32];
+        if (sample > 128) value |= 1 << bit;
     }
     return value;
 }
@@ -42,9 +44,10 @@ bool has_luma_plane(int format) {
 
 }  // namespace
 
-int frame_index(const AVFrame* frame) {
-    if (!frame || frame->width < 32 || frame->height < 2 || !frame->data[0]) return -1;
-    if (has_luma_plane(frame->format)) return read_bars(frame->data[0], frame->linesize[0], frame->width, frame->height);
+int frame_index(const AVFrame* frame, bool turned) {
+    if (!frame || frame->width < 32 || frame->height < 32 || !frame->data[0]) return -1;
+    if (has_luma_plane(frame->format))
+        return read_bars(frame->data[0], frame->linesize[0], frame->width, frame->height, turned);
     SwsContext* sws = sws_getContext(frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
                                      frame->width, frame->height, AV_PIX_FMT_GRAY8, SWS_POINT, nullptr, nullptr, nullptr);
     if (!sws) return -1;
@@ -53,7 +56,7 @@ int frame_index(const AVFrame* frame) {
     int dst_linesize[4] = {frame->width};
     sws_scale(sws, frame->data, frame->linesize, 0, frame->height, dst, dst_linesize);
     sws_freeContext(sws);
-    return read_bars(gray.data(), frame->width, frame->width, frame->height);
+    return read_bars(gray.data(), frame->width, frame->width, frame->height, turned);
 }
 
 int picture_index(const ff::VFrameCtx& picture) {

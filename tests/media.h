@@ -20,8 +20,10 @@ namespace testmedia {
 // Full path of a generated file, e.g. path("h264_cfr.mp4").
 std::string path(const char* name);
 
-// The index a frame shows, or -1 when its picture cannot be read.
-int frame_index(const AVFrame* frame);
+// The index a frame shows, or -1 when its picture cannot be read; `turned`
+// reads it from a picture turned a quarter counter-clockwise (bars from the
+// bottom up).
+int frame_index(const AVFrame* frame, bool turned = false);
 
 // The index a converted picture shows (RGBA: the red channel; YUV420P and
 // NV12: the luma plane), or -1 for another format.

@@ -12,6 +12,7 @@
 #include "ff_tools.h"
 #include "ffdecoder.h"
 #include "media.h"
+#include "utils/mempool.h"
 
 using namespace ff;
 
@@ -177,3 +178,43 @@ TEST(Thumbnail, TheSameRequestAgainIsAnsweredWithoutDecoding) {
     EXPECT_GT(decode_counters().frames_decoded, before);
 }
 
+
+TEST(UprightImage, EveryOrientationPlacesEachPixelWhereADisplayShowsIt) {
+    // A 3x2 RGBA picture whose red channel numbers its pixels:  0 1 2
+    //                                                           3 4 5
+    struct Case {
+        Orientation how;
+        int width, height;
+        int pixels[6];  // the turned picture's red channels, row by row
+    } cases[] = {
+        {OR_ROTATE_90, 2, 3, {3, 0, 4, 1, 5, 2}},  // a quarter clockwise
+        {OR_ROTATE_180, 3, 2, {5, 4, 3, 2, 1, 0}},
+        {OR_ROTATE_270, 2, 3, {2, 5, 1, 4, 0, 3}},
+        {OR_HFLIP, 3, 2, {2, 1, 0, 5, 4, 3}},
+        {OR_VFLIP, 3, 2, {3, 4, 5, 0, 1, 2}},
+        {OR_TRANSPOSE, 2, 3, {0, 3, 1, 4, 2, 5}},
+        {OR_TRANSVERSE, 2, 3, {5, 2, 4, 1, 3, 0}},
+    };
+    auto picture = std::make_shared<VFrameCtx>();
+    picture->buffer = bg::mempool::malloc(64, 16);
+    picture->size = 64;
+    picture->width = picture->src_width = 3;
+    picture->height = picture->src_height = 2;
+    picture->format = AV_PIX_FMT_RGBA;
+    picture->data[0] = static_cast<uint8_t*>(picture->buffer);
+    picture->linesize[0] = 16;  // wider than a row, as pooled pictures are
+    for (int i = 0; i < 6; ++i) picture->data[0][(i / 3) * 16 + (i % 3) * 4] = static_cast<uint8_t>(i);
+    EXPECT_EQ(getUprightImage(picture, OR_NORMAL), picture);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.how);
+        const std::shared_ptr<VFrameCtx> turned = getUprightImage(picture, c.how);
+        ASSERT_NE(turned, nullptr);
+        ASSERT_EQ(turned->width, c.width);
+        ASSERT_EQ(turned->height, c.height);
+        EXPECT_EQ(turned->src_width, c.width);
+        for (int i = 0; i < 6; ++i)
+            EXPECT_EQ(turned->data[0][(i / c.width) * turned->linesize[0] + (i % c.width) * 4], c.pixels[i]) << i;
+    }
+    EXPECT_EQ(getUprightImage(nullptr, OR_ROTATE_90), nullptr);
+    EXPECT_EQ(getUprightImage(picture, static_cast<Orientation>(8)), nullptr);
+}

@@ -18,7 +18,7 @@ namespace {
 
 const char* kFramesHelp =
     "usage: clipdec frames FILE -o DIR [--from A] [--to B] [--fps N] [--size WxH]\n"
-    "                      [--speed S] [--reverse] [--async]\n"
+    "                      [--speed S] [--reverse] [--async] [--no-autorotate]\n"
     "\n"
     "Writes the pictures of the clip from A to B (clip times, after speed and\n"
     "direction) as DIR/frame_000000.png, frame_000001.png, ...\n"
@@ -32,6 +32,8 @@ const char* kFramesHelp =
     "  --speed S         play at speed S (0.5 to 3.0)\n"
     "  --reverse         play backwards from the end\n"
     "  --async           ask through the decoder's worker thread\n"
+    "  --no-autorotate   keep the stored orientation; by default pictures are\n"
+    "                    turned upright as the movie's display matrix says\n"
     "\n"
     "exit codes: 0 written, 1 nothing decodable, 2 bad arguments, 3 output not writable\n";
 
@@ -92,7 +94,8 @@ FramesPlan plan_frames(const Options& opts, const ff::StreamCtx& stream, double 
 int cmd_frames(const Args& args) {
     const Options opts("frames", args,
                        {{"-o", true, "--output"}, {"--from", true}, {"--to", true}, {"--fps", true},
-                        {"--size", true}, {"--speed", true}, {"--reverse", false}, {"--async", false}});
+                        {"--size", true}, {"--speed", true}, {"--reverse", false}, {"--async", false},
+                        {"--no-autorotate", false}});
     if (opts.help()) {
         std::fputs(kFramesHelp, stdout);
         return kExitOk;
@@ -111,6 +114,7 @@ int cmd_frames(const Args& args) {
     const FramesPlan plan = plan_frames(opts, stream, speed);
     make_output_dir(dir);
 
+    const ff::Orientation turn = opts.has("--no-autorotate") ? ff::OR_NORMAL : stream.orientation;
     Progress progress("frames", static_cast<double>(plan.count), "pictures");
     long long written = 0, missing = 0;
     int width = 0, height = 0;
@@ -119,8 +123,8 @@ int cmd_frames(const Args& args) {
         req.time = plan.from + plan.step * ff::Rational(k, 1);
         req.format = ff::PF_RGBA;
         req.divider = plan.divider;
-        const std::shared_ptr<ff::VFrameCtx> picture =
-            opts.has("--async") ? picture_async(decoder, req) : decoder.getVideoFrame(req);
+        const std::shared_ptr<ff::VFrameCtx> picture = ff::getUprightImage(
+            opts.has("--async") ? picture_async(decoder, req) : decoder.getVideoFrame(req), turn);
         progress.update(static_cast<double>(k + 1));
         if (!picture) {
             ++missing;

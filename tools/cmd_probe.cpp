@@ -2,6 +2,7 @@
 #include <clipdec/clipdec.h>
 
 extern "C" {
+#include <libavcodec/codec_par.h>
 #include <libavutil/pixdesc.h>
 #include <libavutil/samplefmt.h>
 }
@@ -20,7 +21,8 @@ const char* kProbeHelp =
     "usage: clipdec probe [--json] FILE...\n"
     "\n"
     "Describes each movie and its streams as the library sees them: duration,\n"
-    "picture size, pixel format, frame rate and rotation of video, rate,\n"
+    "picture size, pixel format, frame rate, rotation and colour description\n"
+    "(FFmpeg's names) of video, rate,\n"
     "channels and sample format of audio, and the text of SubRip subtitles.\n"
     "\n"
     "  --json   one JSON object per file and line, fields named as in the\n"
@@ -47,6 +49,40 @@ const char* sample_fmt_name(int f) {
     return name ? name : "none";
 }
 
+// FFmpeg's names for the colour description; "unknown" where it has none.
+const char* or_unknown(const char* name) { return name ? name : "unknown"; }
+const char* color_space_name(const ff::StreamCtx& s) {
+    return or_unknown(av_color_space_name(static_cast<AVColorSpace>(s.color_space)));
+}
+const char* color_range_name(const ff::StreamCtx& s) {
+    return or_unknown(av_color_range_name(static_cast<AVColorRange>(s.color_range)));
+}
+const char* color_primaries_name(const ff::StreamCtx& s) {
+    return or_unknown(av_color_primaries_name(static_cast<AVColorPrimaries>(s.color_primaries)));
+}
+const char* color_trc_name(const ff::StreamCtx& s) {
+    return or_unknown(av_color_transfer_name(static_cast<AVColorTransferCharacteristic>(s.color_trc)));
+}
+const char* chroma_location_name(const ff::StreamCtx& s) {
+    return or_unknown(av_chroma_location_name(static_cast<AVChromaLocation>(s.chroma_location)));
+}
+// As ffprobe names field orders.
+const char* field_order_name(const ff::StreamCtx& s) {
+    switch (s.field_order) {
+        case AV_FIELD_PROGRESSIVE: return "progressive";
+        case AV_FIELD_TT: return "tt";
+        case AV_FIELD_BB: return "bb";
+        case AV_FIELD_TB: return "tb";
+        case AV_FIELD_BT: return "bt";
+        default: return "unknown";
+    }
+}
+const char* orientation_name(ff::Orientation o) {
+    static const char* const names[] = {"normal", "rotate90", "rotate180", "rotate270",
+                                        "hflip",  "vflip",    "transpose", "transverse"};
+    return o >= ff::OR_NORMAL && o <= ff::OR_TRANSVERSE ? names[o] : "unknown";
+}
+
 std::string seconds_text(int64_t value, const ff::Rational& base) {
     if (value == ff::kNoPts || base.den == 0) return "unknown";
     return time_text(ff::timestamp_to_time(value, base));
@@ -63,6 +99,9 @@ void print_stream_text(const ff::StreamCtx& s) {
                     pix_fmt_name(s.pix_fmt), s.frame_rate.to_double(), s.frame_rate.num, s.frame_rate.den,
                     s.sample_aspect_ratio.num, s.sample_aspect_ratio.den, s.rotation,
                     s.still_image ? ", still picture" : "");
+        std::printf("    colour %s/%s, primaries %s, transfer %s, chroma %s, %s, upright by %s\n",
+                    color_space_name(s), color_range_name(s), color_primaries_name(s), color_trc_name(s),
+                    chroma_location_name(s), field_order_name(s), orientation_name(s.orientation));
     } else if (s.type == ff::STREAM_AUDIO) {
         std::printf("    %d Hz, %d channels (layout 0x%llx), %s\n", s.sample_rate, s.channels,
                     static_cast<unsigned long long>(s.channel_layout), sample_fmt_name(s.sample_fmt));
@@ -111,6 +150,10 @@ void json_stream(JsonWriter& j, const ff::StreamCtx& s) {
         j.value("still_image", s.still_image);
         json_rational(j, "sample_aspect_ratio", s.sample_aspect_ratio);
         json_rational(j, "frame_rate", s.frame_rate);
+        j.value("orientation", orientation_name(s.orientation));
+        j.value("color_space", color_space_name(s)).value("color_range", color_range_name(s));
+        j.value("color_primaries", color_primaries_name(s)).value("color_trc", color_trc_name(s));
+        j.value("chroma_location", chroma_location_name(s)).value("field_order", field_order_name(s));
     } else if (s.type == ff::STREAM_AUDIO) {
         j.value("channel_layout", static_cast<long long>(s.channel_layout));
         j.value("channels", static_cast<long long>(s.channels));

@@ -14,6 +14,7 @@ namespace {
 
 const char* kThumbHelp =
     "usage: clipdec thumb FILE -o OUT.png [--at TIME | --ratio R] [--size WxH]\n"
+    "                     [--no-autorotate]\n"
     "\n"
     "Writes one picture of the movie as PNG.\n"
     "\n"
@@ -24,6 +25,8 @@ const char* kThumbHelp =
     "  --size WxH            shrink by the largest whole divider that keeps the\n"
     "                        picture about WxH and not under half of it (0 on one\n"
     "                        side: no limit there); default full size\n"
+    "  --no-autorotate       keep the stored orientation; by default the picture is\n"
+    "                        turned upright as the movie's display matrix says\n"
     "\n"
     "exit codes: 0 written, 1 no picture (unreadable file, no video), 2 bad\n"
     "arguments, 3 the output cannot be written\n";
@@ -32,7 +35,8 @@ const char* kThumbHelp =
 
 int cmd_thumb(const Args& args) {
     const Options opts("thumb", args,
-                       {{"-o", true, "--output"}, {"--at", true}, {"--ratio", true}, {"--size", true}});
+                       {{"-o", true, "--output"}, {"--at", true}, {"--ratio", true}, {"--size", true},
+                        {"--no-autorotate", false}});
     if (opts.help()) {
         std::fputs(kThumbHelp, stdout);
         return kExitOk;
@@ -48,6 +52,7 @@ int cmd_thumb(const Args& args) {
     req.time = opts.time("--at", ff::Rational(0, 0));
     req.ratio = opts.number("--ratio", 0.5, 0.0, 1.0);
     opts.size("--size", req.width, req.height);
+    req.upright = !opts.has("--no-autorotate");
 
     ff::Rational duration(0, 0);
     const std::shared_ptr<ff::VFrameCtx> picture = ff::getMovieImage(path.c_str(), req, &duration);
