@@ -55,6 +55,17 @@ ff -f lavfi -i "$(tone 440 44100 3)" -i cover.png -map 0:a -map 1:v -c:a libmp3l
 ff -f lavfi -i "$(ramp 2 48000 4)" -c:a pcm_s16le "${exact[@]}" pcm_s16.wav
 # A minute of stereo ramp at 44.1 kHz in FLAC, for long runs of audio requests.
 ff -f lavfi -i "$(ramp 2 44100 60)" -c:a flac -sample_fmt s16 "${exact[@]}" ramp60.flac
+# Stereo ramps at 96 and 11.025 kHz, for conversions to the usual rates.
+ff -f lavfi -i "$(ramp 2 96000 4)" -c:a flac -sample_fmt s16 "${exact[@]}" ramp96k.flac
+ff -f lavfi -i "$(ramp 2 11025 4)" -c:a flac -sample_fmt s16 "${exact[@]}" ramp11k.flac
+# AAC whose timestamps are irregular. Without an edit list, the MP4 muxer
+# stretches the first AAC packet over the time the B-frame video starts late
+# (its second frame comes thousands of samples after the first); a timestamp
+# filter opens a 4410-sample gap after about a second of another.
+ff -f lavfi -i "$(frames 25 2)" -f lavfi -i "$(tone 440 44100 2)" "${x264[@]}" -c:a aac -b:a 128k \
+   -use_editlist 0 "${exact[@]}" aac_first_long.mp4
+ff -f lavfi -i "$(tone 440 44100 2)" -c:a aac -b:a 128k "${exact[@]}" aac_plain.m4a
+ff -i aac_plain.m4a -c copy -bsf:a "setts=ts=if(gte(TS\,44032)\,TS+4410\,TS)" "${exact[@]}" aac_gap.mp4
 # Six-channel FLAC ramp at 48 kHz.
 ff -f lavfi -i "$(ramp 6 48000 3)" -c:a flac -sample_fmt s16 "${exact[@]}" flac_6ch.flac
 # Matroska with a SubRip and an ASS track.
@@ -95,4 +106,4 @@ head -c $((size * 6 / 10)) h264_cfr.mp4 > truncated.mp4
 mdat=$(grep -obUa mdat h264_cfr.mp4 | head -n 1 | cut -d: -f1)
 head -c $((mdat + 4)) h264_cfr.mp4 > header_only.mp4
 ff -f lavfi -i "anoisesrc=seed=7:amplitude=1:r=8000:d=2" -f u8 -ac 1 random.bin
-rm -f subs.ass unrotated.mp4
+rm -f subs.ass unrotated.mp4 aac_plain.m4a

@@ -50,6 +50,7 @@ StreamCtx* new_record(MovieCtx* mv, AVStream* st, StreamType type) {
     s->index = st->index;
     s->type = type;
     s->time_base = rational_convert(st->time_base);
+    s->codec_id = st->codecpar->codec_id;
     s->start_time = st->start_time;
     s->movie = mv;
     return s;

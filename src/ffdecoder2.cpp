@@ -56,6 +56,7 @@ double FFDecoder2::speed() const { return d2->speed; }
 
 bool FFDecoder2::install_filter_text(const std::string& text) {
     FFDecoderPrivate* d = private_data();
+    d->end_audio_run();  // another speed or filter: the next audio request starts afresh
     if (text.empty()) {
         std::fprintf(stderr, "close filter: %s\n", text.c_str());
         std::fflush(stderr);
@@ -94,6 +95,7 @@ bool FFDecoder2::setFilters(const char* f) {
 bool FFDecoder2::pri_setFilters(const char* f) {
     if (!streamContex() || !isOpened()) return false;
     FFDecoderPrivate* d = private_data();
+    d->end_audio_run();
     if (f && *f) {
         if (std::char_traits<char>::length(f) > kMaxFilterText) {
             CLIPDEC_LOG(kLogError, kTagDefault, "filter text too long: %zu > 1023", std::char_traits<char>::length(f));

@@ -46,6 +46,7 @@ FFDecoderPrivate::~FFDecoderPrivate() {
 bool FFDecoderPrivate::open(const StreamCtx* sc) {
     if (!sc) return false;
     stop = false;
+    end_audio_run();  // the first audio request after an open seeks
     stream = sc;
     published_stream = sc;
     auto* task = new FFDec_Task();
@@ -72,6 +73,7 @@ void FFDecoderPrivate::close() {
     audio_pos = 0;
     audio_start = Rational(0, 0);
     audio_range = Range(Rational(0, 0), Rational(0, 0));
+    end_audio_run();
     close_filter();
     if (stream) g_decoder_mgr.pool_of(stream)->remove_worker(nullptr, true);
 }
@@ -169,22 +171,33 @@ std::shared_ptr<AFrameCtx> FFDecoderPrivate::convert_to_dst_aframe(AVFrame* fram
         swr_src_format = frame->format;
     }
 
+    return convert_samples(const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples, req);
+}
+
+std::shared_ptr<AFrameCtx> FFDecoderPrivate::flush_dst_aframe(const RequireAudioFrame& req) {
+    if (!swr || swr_dst_rate != req.sample_rate || swr_dst_channels != req.channels || swr_dst_format != req.format)
+        return {};
+    return convert_samples(nullptr, 0, req);
+}
+
+std::shared_ptr<AFrameCtx> FFDecoderPrivate::convert_samples(const uint8_t** in, int count, const RequireAudioFrame& req) {
     // Converted straight into the pooled record: no intermediate frame, no copy.
     // (swr_convert rather than swr_convert_frame: the latter refuses input whose
     // channel layout is described differently from the context's, e.g. an
     // unspecified stereo against native stereo, though the samples are the same.)
-    const int capacity = swr_get_out_samples(swr, frame->nb_samples);
-    if (capacity < 0) return {};
+    // No input drains what the resampler holds back.
+    const int capacity = swr_get_out_samples(swr, count);
+    if (capacity < 0 || (!in && capacity == 0)) return {};
     std::shared_ptr<AFrameCtx> result = create_audioframe_ctx(req, capacity > 0 ? capacity : 1);
     if (!result) return {};
-    const int produced = swr_convert(swr, result->data, capacity, const_cast<const uint8_t**>(frame->extended_data),
-                                     frame->nb_samples);
+    const int produced = swr_convert(swr, result->data, capacity, in, count);
     if (produced < 0) {
         CLIPDEC_LOG(kLogError, name, "--> swr convert failed: %s", ffmpeg_error(produced));
         return {};
     }
     // The record describes exactly the samples produced (none when the
     // resampler kept everything back this time).
+    const auto dst_format = static_cast<AVSampleFormat>(samplefmt_to_avsamplefmt(req.format));
     result->nb_samples = produced;
     const int bytes = produced > 0 ? av_samples_get_buffer_size(nullptr, req.channels, produced, dst_format, 1) : 0;
     result->size = bytes;

@@ -61,6 +61,12 @@ public:
     // count (including any the resampler held back). Null on failure; a
     // record with no samples when the resampler produced none.
     std::shared_ptr<AFrameCtx> convert_to_dst_aframe(AVFrame* frame, const RequireAudioFrame& req);
+    // The samples the resampler still holds at the end of the stream, in the
+    // request's layout; null when it holds none or there is no resampler.
+    std::shared_ptr<AFrameCtx> flush_dst_aframe(const RequireAudioFrame& req);
+    // `count` samples at `in` (null: none, which drains the resampler)
+    // through the current resampler into a pooled record.
+    std::shared_ptr<AFrameCtx> convert_samples(const uint8_t** in, int count, const RequireAudioFrame& req);
     void reset_resampler_fifo();
 
     bool open_filter(const char* filters_descr);
@@ -113,6 +119,21 @@ public:
     long long out_pos = 0;  // converted samples handed out since audio_start
     int out_fifo_format = -1;
     int out_fifo_channels = 0;
+    // The audio run under way: the next request continues it only when it
+    // starts where the last one ended and asks for the same layout. Ended by
+    // open, close and the filter setters (a new speed is a new run); written
+    // by setters that take no lock, hence atomic.
+    std::atomic<bool> audio_run_live{false};
+    int run_rate = 0;
+    int run_channels = 0;
+    SampleFormat run_format = SF_NONE;
+    // A run at another rate than the stream's feeds the resampler from a
+    // point in phase with the whole stream's conversion and drops its first
+    // `resample_drop` outputs; `resample_flushed` once the stream's end has
+    // been pushed through.
+    long long resample_drop = 0;
+    bool resample_flushed = false;
+    void end_audio_run() { audio_run_live = false; }
     // The frame audio spans are cut into, reused while it is large enough
     // (only when no filter takes it over).
     std::shared_ptr<AVFrame> span_frame;

@@ -89,6 +89,9 @@ struct StreamCtx {
     int color_trc = 2;             // AVCOL_TRC_UNSPECIFIED
     int chroma_location = 0;       // AVCHROMA_LOC_UNSPECIFIED
     int field_order = 0;           // AV_FIELD_UNKNOWN
+
+    // FFmpeg's AVCodecID of the stream parameters (AV_CODEC_ID_NONE: 0).
+    int codec_id = 0;
 };
 
 constexpr int kMaxMovieStreams = 32;
