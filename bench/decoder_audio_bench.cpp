@@ -30,7 +30,7 @@ const ff::StreamCtx* audio_stream(const std::string& file) {
 }
 
 // The whole track through the decoder in contiguous 20 ms spans.
-long long decoder_pass(const ff::StreamCtx* st) {
+long long decoder_pass(const ff::StreamCtx* st, int rate) {
     long long samples = 0;
     {
         ff::FFDecoder dec;
@@ -39,7 +39,7 @@ long long decoder_pass(const ff::StreamCtx* st) {
             ff::RequireAudioFrame req;
             req.range = ff::Range({i, 50}, {i + 1, 50});
             req.format = ff::SF_FLT;
-            req.sample_rate = 48000;
+            req.sample_rate = rate;
             req.channels = 2;
             const auto a = dec.getAudioFrame(req);
             if (!a) break;
@@ -50,7 +50,7 @@ long long decoder_pass(const ff::StreamCtx* st) {
 }
 
 // The same track with a plain decode + resample loop.
-long long plain_pass(const std::string& file) {
+long long plain_pass(const std::string& file, int rate) {
     long long samples = 0;
     {
         AVFormatContext* fmt = nullptr;
@@ -68,7 +68,7 @@ long long plain_pass(const std::string& file) {
         std::vector<float> out(2 * 8192);
         auto drain = [&] {
             while (avcodec_receive_frame(ctx, frame) == 0) {
-                if (!swr && (ff::compat_swr_configure(&swr, 2, AV_SAMPLE_FMT_FLT, 48000, frame) < 0 || swr_init(swr) < 0))
+                if (!swr && (ff::compat_swr_configure(&swr, 2, AV_SAMPLE_FMT_FLT, rate, frame) < 0 || swr_init(swr) < 0))
                     return;
                 uint8_t* dst[1] = {reinterpret_cast<uint8_t*>(out.data())};
                 samples += swr_convert(swr, dst, 8192, const_cast<const uint8_t**>(frame->extended_data),
@@ -96,10 +96,12 @@ double seconds_of(const std::function<long long()>& pass, long long* samples) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
+// Argument: the output rate (48000, the track's own; 44100, converted).
 // Both sides back to back in each iteration, alternating which goes first, so
 // that a busy machine disturbs them alike; the ratio is what to read.
 void BM_Pair_AudioSpans20ms(benchmark::State& state) {
     const std::string file = bench_file();
+    const int rate = static_cast<int>(state.range(0));
     const ff::StreamCtx* st = audio_stream(file);
     if (!st) {
         state.SkipWithError("bench media missing: run scripts/bench.sh");
@@ -111,11 +113,11 @@ void BM_Pair_AudioSpans20ms(benchmark::State& state) {
     for (auto _ : state) {
         long long e = 0, p = 0;
         if (engine_first) {
-            engine_s += seconds_of([&] { return decoder_pass(st); }, &e);
-            plain_s += seconds_of([&] { return plain_pass(file); }, &p);
+            engine_s += seconds_of([&] { return decoder_pass(st, rate); }, &e);
+            plain_s += seconds_of([&] { return plain_pass(file, rate); }, &p);
         } else {
-            plain_s += seconds_of([&] { return plain_pass(file); }, &p);
-            engine_s += seconds_of([&] { return decoder_pass(st); }, &e);
+            plain_s += seconds_of([&] { return plain_pass(file, rate); }, &p);
+            engine_s += seconds_of([&] { return decoder_pass(st, rate); }, &e);
         }
         engine_first = !engine_first;
         engine_samples += e;
@@ -128,6 +130,6 @@ void BM_Pair_AudioSpans20ms(benchmark::State& state) {
     state.counters["samples_per_pass"] = static_cast<double>(engine_samples) / n;
 }
 
-BENCHMARK(BM_Pair_AudioSpans20ms)->Unit(benchmark::kMillisecond)->Iterations(40);
+BENCHMARK(BM_Pair_AudioSpans20ms)->Arg(48000)->Arg(44100)->Unit(benchmark::kMillisecond)->Iterations(40);
 
 }  // namespace
