@@ -194,8 +194,9 @@ TEST(AudioExactness, IrregularTimestampsPlaceTheSameSamplesEveryWay) {
         // Across the stretched first packet (silence from 1024 to 3528).
         {"aac_first_long.mp4", {0, 500, 2000, 3000, 5000, 43000}},
         // Across the gap (44032 to 48442). This file starts with the
-        // encoder's priming packet, which a seek to the start passes over:
-        // runs in its first frames are left out (see the notes).
+        // encoder's priming packet, which a seek to the start passes over, so
+        // a new run in its first frames decodes without that frame's overlap:
+        // those positions are left out until a run there rewinds instead.
         {"aac_gap.mp4", {5000, 43000, 45000, 47000, 50000}},
     };
     for (const auto& c : cases) {
