@@ -55,11 +55,6 @@ int excute_filting(AVFilterMgr* mgr, std::shared_ptr<AVFrame>& frame) {
 // ---------------------------------------------------------------- the facade
 
 namespace ff {
-namespace {
-
-bool is_seek_only(int32_t format) { return format == FMT_SEEK_ONLY; }
-
-}  // namespace
 
 FFDecoder::FFDecoder() : d(new FFDecoderPrivate()) {}
 

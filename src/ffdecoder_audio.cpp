@@ -33,8 +33,6 @@ constexpr int kMaxSkippedFrames = 256;
 // Stream samples taken into the resampler at a time, at most.
 constexpr long long kMaxResampleChunk = 1LL << 20;
 
-bool is_seek_only(int32_t format) { return format == FMT_SEEK_ONLY; }
-
 int queued(const FFDecoderPrivate* d) { return d->fifo ? av_audio_fifo_size(d->fifo) : 0; }
 
 // ---------------------------------------------------------------- the sample queue
@@ -58,6 +56,9 @@ bool fit_queue(FFDecoderPrivate* d, const AVFrame* f) {
 // Writes `count` samples from `skip` on of the planes at `data` into `fifo`.
 int write_samples(AVAudioFifo* fifo, uint8_t* const* data, int format, int channels, int skip, int count) {
     if (count <= 0) return 0;
+    // Every decoded frame and converted span comes here: the planes are
+    // offset only when the front of a frame is dropped.
+    if (skip == 0) return av_audio_fifo_write(fifo, reinterpret_cast<void**>(const_cast<uint8_t**>(data)), count);
     const auto sample_format = static_cast<AVSampleFormat>(format);
     const bool planar = av_sample_fmt_is_planar(sample_format) != 0;
     const int step = av_get_bytes_per_sample(sample_format) * (planar ? 1 : channels);

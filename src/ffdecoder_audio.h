@@ -26,6 +26,9 @@ namespace ff {
 
 class FFDecoderPrivate;
 
+// Whether a request only positions the decoder (and answers nothing).
+constexpr bool is_seek_only(int32_t format) { return format == FMT_SEEK_ONLY; }
+
 // True when `req` does not continue the previous audio request of the
 // decoder: a new run starts at req.range.begin (position and queue reset).
 // A request continues only a live run (not after open, close or a change of

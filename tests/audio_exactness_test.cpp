@@ -9,13 +9,10 @@
 #include <vector>
 
 extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
 #include <libswresample/swresample.h>
 }
 
 #include "ff_compat.h"
-#include "ff_ptr.h"
 #include "ffdecoder.h"
 #include "ffdecoder2.h"
 #include "media.h"
@@ -35,18 +32,8 @@ using Samples = std::vector<float>;
 // The whole audio stream of `file` decoded plainly and converted in one go by
 // a fresh resampler to `rate` (stereo float), from its first sample on.
 Samples whole_stream(const char* file, int rate) {
-    AVFormatContext* raw = nullptr;
-    if (avformat_open_input(&raw, testmedia::path(file).c_str(), nullptr, nullptr) != 0) return {};
-    UniqueAVFormatInput fmt(raw);
-    avformat_find_stream_info(fmt.get(), nullptr);
-    const int s = av_find_best_stream(fmt.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
-    if (s < 0) return {};
-    const AVCodec* codec = avcodec_find_decoder(fmt->streams[s]->codecpar->codec_id);
-    UniqueAVCodecContext ctx(avcodec_alloc_context3(codec));
-    avcodec_parameters_to_context(ctx.get(), fmt->streams[s]->codecpar);
-    if (avcodec_open2(ctx.get(), codec, nullptr) < 0) return {};
-    UniqueAVPacket pkt = make_packet();
-    UniqueAVFrame frame = make_frame();
+    testmedia::PlainDecoding d;
+    if (!d.open(testmedia::path(file), AVMEDIA_TYPE_AUDIO)) return {};
     SwrContext* swr = nullptr;
     Samples out;
     auto convert = [&](const uint8_t** in, int count) {
@@ -56,19 +43,12 @@ Samples whole_stream(const char* file, int rate) {
         const int got = swr_convert(swr, &dst, room, in, count);
         out.insert(out.end(), part.begin(), part.begin() + 2 * std::max(got, 0));
     };
-    auto drain = [&] {
-        while (avcodec_receive_frame(ctx.get(), frame.get()) == 0) {
-            if (!swr) {
-                compat_swr_configure(&swr, 2, AV_SAMPLE_FMT_FLT, rate, frame.get());
-                swr_init(swr);
-            }
-            convert(const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples);
-        }
-    };
-    for (; av_read_frame(fmt.get(), pkt.get()) >= 0; av_packet_unref(pkt.get()))
-        if (pkt->stream_index == s && avcodec_send_packet(ctx.get(), pkt.get()) >= 0) drain();
-    avcodec_send_packet(ctx.get(), nullptr);
-    drain();
+    d.each_frame([&](AVFrame* frame) {
+        if (!swr && (compat_swr_configure(&swr, 2, AV_SAMPLE_FMT_FLT, rate, frame) < 0 || swr_init(swr) < 0))
+            return false;
+        convert(const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples);
+        return true;
+    });
     if (swr) convert(nullptr, 0);
     swr_free(&swr);
     return out;

@@ -35,45 +35,6 @@ std::string read_all(const std::string& path) {
     return text.str();
 }
 
-// A file opened for decoding its best stream of `type`.
-struct Decoding {
-    ff::UniqueAVFormatInput format;
-    ff::UniqueAVCodecContext codec;
-    int stream = -1;
-
-    bool open(const std::string& path, AVMediaType type) {
-        AVFormatContext* f = nullptr;
-        if (avformat_open_input(&f, path.c_str(), nullptr, nullptr) < 0) return false;
-        format.reset(f);
-        if (avformat_find_stream_info(f, nullptr) < 0) return false;
-        const AVCodec* decoder = nullptr;
-        stream = av_find_best_stream(f, type, -1, -1, &decoder, 0);
-        if (stream < 0 || !decoder) return false;
-        codec.reset(avcodec_alloc_context3(decoder));
-        return codec && avcodec_parameters_to_context(codec.get(), f->streams[stream]->codecpar) >= 0 &&
-               avcodec_open2(codec.get(), decoder, nullptr) >= 0;
-    }
-
-    // Calls `take` for every decoded frame of the stream.
-    template <typename Take>
-    void each_frame(Take take) {
-        ff::UniqueAVPacket packet = ff::make_packet();
-        ff::UniqueAVFrame frame = ff::make_frame();
-        auto drain = [&] {
-            while (avcodec_receive_frame(codec.get(), frame.get()) >= 0) {
-                take(frame.get());
-                av_frame_unref(frame.get());
-            }
-        };
-        while (av_read_frame(format.get(), packet.get()) >= 0) {
-            if (packet->stream_index == stream && avcodec_send_packet(codec.get(), packet.get()) >= 0) drain();
-            av_packet_unref(packet.get());
-        }
-        avcodec_send_packet(codec.get(), nullptr);
-        drain();
-    }
-};
-
 }  // namespace
 
 RunResult run_tool(const std::vector<std::string>& args, int timeout_seconds) {
@@ -126,22 +87,22 @@ std::string scratch_dir(const std::string& name) {
 
 Picture decode_picture(const std::string& path) {
     Picture picture;
-    Decoding d;
+    testmedia::PlainDecoding d;
     if (!d.open(path, AVMEDIA_TYPE_VIDEO)) return picture;
     d.each_frame([&](const AVFrame* frame) {
-        if (picture.width) return;
         picture.width = frame->width;
         picture.height = frame->height;
         picture.format = frame->format;
         picture.index = testmedia::frame_index(frame);
         picture.turned_index = testmedia::frame_index(frame, true);
+        return false;
     });
     return picture;
 }
 
 Audio decode_audio(const std::string& path) {
     Audio audio;
-    Decoding d;
+    testmedia::PlainDecoding d;
     if (!d.open(path, AVMEDIA_TYPE_AUDIO)) return audio;
     audio.sample_rate = d.codec->sample_rate;
     audio.channels = d.codec->ch_layout.nb_channels;
@@ -153,6 +114,7 @@ Audio decode_audio(const std::string& path) {
                           audio.channels;
         if (!av_sample_fmt_is_planar(static_cast<AVSampleFormat>(frame->format)))
             audio.data.insert(audio.data.end(), frame->data[0], frame->data[0] + bytes);
+        return true;
     });
     return audio;
 }

@@ -80,24 +80,14 @@ void expect_patches(const VFrameCtx& p, bool with_alpha) {
 
 // The frame at `index` of `file`, decoded plainly with FFmpeg.
 UniqueAVFrame plain_frame(const std::string& file, int index) {
-    AVFormatContext* raw = nullptr;
-    if (avformat_open_input(&raw, file.c_str(), nullptr, nullptr) != 0) return {};
-    UniqueAVFormatInput fmt(raw);
-    avformat_find_stream_info(fmt.get(), nullptr);
-    const int s = av_find_best_stream(fmt.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    if (s < 0) return {};
-    const AVCodec* codec = avcodec_find_decoder(fmt->streams[s]->codecpar->codec_id);
-    UniqueAVCodecContext ctx(avcodec_alloc_context3(codec));
-    avcodec_parameters_to_context(ctx.get(), fmt->streams[s]->codecpar);
-    if (avcodec_open2(ctx.get(), codec, nullptr) < 0) return {};
-    UniqueAVPacket pkt = make_packet();
-    UniqueAVFrame frame = make_frame();
-    for (int n = 0; av_read_frame(fmt.get(), pkt.get()) >= 0; av_packet_unref(pkt.get())) {
-        if (pkt->stream_index != s || avcodec_send_packet(ctx.get(), pkt.get()) < 0) continue;
-        while (avcodec_receive_frame(ctx.get(), frame.get()) == 0)
-            if (n++ == index) return frame;
-    }
-    return {};
+    UniqueAVFrame found;
+    testmedia::PlainDecoding d;
+    if (d.open(file, AVMEDIA_TYPE_VIDEO))
+        d.each_frame([&](AVFrame* frame) {
+            if (index-- == 0) found.reset(av_frame_clone(frame));
+            return !found;
+        });
+    return found;
 }
 
 // A careful conversion to RGBA: bicubic, accurate rounding, full chroma, the

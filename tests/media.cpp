@@ -92,35 +92,49 @@ std::string picture_digest(const AVFrame* frame) {
     return hex;
 }
 
-std::vector<RefFrame> reference_decode(const std::string& file, int stream_index) {
-    std::vector<RefFrame> frames;
-    AVFormatContext* fmt = nullptr;
-    if (avformat_open_input(&fmt, file.c_str(), nullptr, nullptr) != 0) return frames;
-    avformat_find_stream_info(fmt, nullptr);
-    AVStream* st = fmt->streams[stream_index];
-    const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
-    AVCodecContext* ctx = avcodec_alloc_context3(codec);
-    avcodec_parameters_to_context(ctx, st->codecpar);
-    ctx->pkt_timebase = st->time_base;
-    avcodec_open2(ctx, codec, nullptr);
-    AVPacket* pkt = av_packet_alloc();
-    AVFrame* frame = av_frame_alloc();
+bool PlainDecoding::open(const std::string& path, AVMediaType type, int index) {
+    AVFormatContext* f = nullptr;
+    if (avformat_open_input(&f, path.c_str(), nullptr, nullptr) < 0) return false;
+    format.reset(f);
+    if (avformat_find_stream_info(f, nullptr) < 0) return false;
+    stream = index >= 0 ? index : av_find_best_stream(f, type, -1, -1, nullptr, 0);
+    if (stream < 0 || stream >= static_cast<int>(f->nb_streams)) return false;
+    const AVStream* st = f->streams[stream];
+    const AVCodec* decoder = avcodec_find_decoder(st->codecpar->codec_id);
+    if (!decoder) return false;
+    codec.reset(avcodec_alloc_context3(decoder));
+    if (!codec || avcodec_parameters_to_context(codec.get(), st->codecpar) < 0) return false;
+    codec->pkt_timebase = st->time_base;
+    return avcodec_open2(codec.get(), decoder, nullptr) >= 0;
+}
+
+void PlainDecoding::each_frame(const std::function<bool(AVFrame*)>& take) {
+    ff::UniqueAVPacket packet = ff::make_packet();
+    ff::UniqueAVFrame frame = ff::make_frame();
+    bool more = true;
     auto drain = [&] {
-        while (avcodec_receive_frame(ctx, frame) == 0) {
-            frames.push_back({frame->best_effort_timestamp, frame_index(frame)});
-            av_frame_unref(frame);
+        while (more && avcodec_receive_frame(codec.get(), frame.get()) >= 0) {
+            more = take(frame.get());
+            av_frame_unref(frame.get());
         }
     };
-    while (av_read_frame(fmt, pkt) >= 0) {
-        if (pkt->stream_index == stream_index && avcodec_send_packet(ctx, pkt) >= 0) drain();
-        av_packet_unref(pkt);
+    while (more && av_read_frame(format.get(), packet.get()) >= 0) {
+        if (packet->stream_index == stream && avcodec_send_packet(codec.get(), packet.get()) >= 0) drain();
+        av_packet_unref(packet.get());
     }
-    avcodec_send_packet(ctx, nullptr);
+    if (!more) return;
+    avcodec_send_packet(codec.get(), nullptr);
     drain();
-    av_frame_free(&frame);
-    av_packet_free(&pkt);
-    avcodec_free_context(&ctx);
-    avformat_close_input(&fmt);
+}
+
+std::vector<RefFrame> reference_decode(const std::string& file, int stream_index) {
+    std::vector<RefFrame> frames;
+    PlainDecoding d;
+    if (!d.open(file, AVMEDIA_TYPE_UNKNOWN, stream_index)) return frames;
+    d.each_frame([&](AVFrame* frame) {
+        frames.push_back({frame->best_effort_timestamp, frame_index(frame)});
+        return true;
+    });
     return frames;
 }
 

@@ -6,13 +6,16 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
 extern "C" {
+#include <libavutil/avutil.h>
 #include <libavutil/frame.h>
 }
 
+#include "ff_ptr.h"
 #include "frame_records.h"
 
 namespace testmedia {
@@ -40,6 +43,19 @@ std::string picture_digest(const AVFrame* frame);
 struct RefFrame {
     int64_t pts;  // best-effort timestamp, stream time base
     int index;    // the index the picture shows
+};
+
+// A plain sequential FFmpeg decode of one stream of a file: what the tests
+// compare the library with.
+struct PlainDecoding {
+    ff::UniqueAVFormatInput format;
+    ff::UniqueAVCodecContext codec;
+    int stream = -1;
+
+    // The best stream of `type`, or stream `index` when it is not negative.
+    bool open(const std::string& path, AVMediaType type, int index = -1);
+    // Calls `take` with every decoded frame, in order, until it returns false.
+    void each_frame(const std::function<bool(AVFrame*)>& take);
 };
 
 // Every frame of a stream from one plain sequential FFmpeg decode.
