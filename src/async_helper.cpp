@@ -1,5 +1,7 @@
 #include "async_helper.h"
 
+#include "guarded.h"
+
 namespace ff {
 
 AsyncHelper::AsyncHelper() : state(std::make_shared<State>()), thread(nullptr) {
@@ -8,7 +10,8 @@ AsyncHelper::AsyncHelper() : state(std::make_shared<State>()), thread(nullptr) {
         while (!shared->quit) {
             Job job;
             if (!shared->queue.take(job)) break;
-            job();
+            // A job that throws ends; the worker goes on with the next one.
+            guarded_void("asynchronous request", job);
         }
     });
 }

@@ -1,5 +1,6 @@
 // One worker thread and its job queue: runs a decoder's asynchronous requests
-// one at a time, in the order they were queued.
+// one at a time, in the order they were queued. An exception thrown by a job
+// is caught and logged there, and the loop goes on.
 //
 // The loop's state is shared with the thread, so that destroying the helper
 // from its own thread (a callback that closes its decoder) cannot leave the

@@ -1,6 +1,7 @@
 #include "ffdec_task.h"
 
 #include <algorithm>
+#include <climits>
 #include <functional>
 
 #include "ffdec_instance.h"
@@ -13,6 +14,9 @@
 #include "rational_convert.h"
 
 namespace ff {
+
+std::atomic<FFDec_Task::DecodeHook> g_task_decode_hook{nullptr};
+
 namespace {
 
 constexpr int kDefaultVideoCache = 4;
@@ -29,6 +33,19 @@ void fix_pts(AVFrame* f) {
 }
 
 bool cancelled(const std::atomic<bool>* cancel) { return cancel && cancel->load(); }
+
+// Runs `work` with `lock` released and takes the lock back afterwards, also
+// when `work` throws.
+template <typename F>
+auto without_lock(std::unique_lock<std::mutex>& lock, F work) -> decltype(work()) {
+    struct Relock {
+        std::unique_lock<std::mutex>& lock;
+        ~Relock() { lock.lock(); }
+    };
+    lock.unlock();
+    Relock relock{lock};
+    return work();
+}
 
 // Runs on every way out of a request unless disarmed: wakes the waiters and
 // gives up the task's mutex, as the caller relies on.
@@ -68,7 +85,9 @@ bool FFDec_Task::open(const StreamCtx* sc) {
     const bool video = sc->type == STREAM_VIDEO;
     const int fallback = video ? kDefaultVideoCache : kDefaultAudioCache;
     const int limit = NoBridge::instance()->get_int_setting(video ? "dec.max_vf" : "dec.max_af", fallback);
-    max_frames = static_cast<unsigned>(limit >= 0 ? limit : fallback);
+    // A limit of 0 still keeps one frame besides the newest: the frame on
+    // screen at t is only known once the next one has been decoded.
+    max_frames = static_cast<unsigned>(limit >= 1 ? limit : limit == 0 ? 1 : fallback);
     return true;
 }
 
@@ -87,6 +106,8 @@ void FFDec_Task::clear_cache_frames() {
 }
 
 bool FFDec_Task::is_empty() const { return frames.empty(); }
+
+bool FFDec_Task::is_broken() const { return broken; }
 
 long long FFDec_Task::cached_first_ts() const { return frames.empty() ? -1 : bets(frames.front()); }
 
@@ -118,8 +139,8 @@ std::shared_ptr<AVFrame> FFDec_Task::get_exist_resource(long long t, bool next) 
 }
 
 FFDec_Task::SeekResult FFDec_Task::seek_or_rewind(long long ts) {
-    if (instance->seek(ts, true)) {
-        decoded_since_start = ts <= 0 ? 0 : -1;
+    if (instance->seek(seek_point(ts), true)) {
+        decoded_since_start = ts <= begin_ts() ? 0 : -1;
         return SeekResult::Sought;
     }
     // A failed seek may leave the demuxer anywhere (often at the end, after
@@ -152,13 +173,37 @@ void FFDec_Task::stamp_frame(AVFrame* f) {
 }
 
 std::shared_ptr<AVFrame> FFDec_Task::append_frame(const std::shared_ptr<AVFrame>& frame) {
+    // Taken before any eviction: with a one-frame cache the previous back is
+    // the very frame that eviction would drop.
+    std::shared_ptr<AVFrame> previous = frames.empty() ? nullptr : frames.back();
     if (frames.size() > max_frames) {
         frames.pop_front();
         at_begin = false;
     }
-    std::shared_ptr<AVFrame> previous = frames.empty() ? nullptr : frames.back();
     frames.push_back(frame);
     return previous;
+}
+
+long long FFDec_Task::begin_ts() const {
+    return stream->start_time != kNoPts && stream->start_time > 0 ? stream->start_time : 0;
+}
+
+long long FFDec_Task::seek_point(long long ts) const {
+    // Demuxers that search for a timestamp (MPEG-TS) can land after the first
+    // frame when asked for exactly the start; 0 lies before every frame.
+    return ts <= begin_ts() ? 0 : ts;
+}
+
+FFDec_Task::SeekResult FFDec_Task::seek_unlocked(std::unique_lock<std::mutex>& lock, long long ts) {
+    return without_lock(lock, [&] { return seek_or_rewind(ts); });
+}
+
+int FFDec_Task::decode_unlocked(std::unique_lock<std::mutex>& lock, AVPacket* pkt, AVFrame* frame,
+                                const std::atomic<bool>* cancel) {
+    return without_lock(lock, [&] {
+        if (DecodeHook hook = g_task_decode_hook.load()) hook(this, cancel);
+        return instance->get_frame(pkt, frame);
+    });
 }
 
 std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std::atomic<bool>* cancel,
@@ -175,7 +220,8 @@ std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std
     last_ts = t;
     if (!instance || broken) return {};
 
-    long long s = std::max(t, 0LL);
+    const long long begin = begin_ts();
+    long long s = std::max(t, begin);
     bool seek_needed = true;
     if (stream->type == STREAM_VIDEO && stream->still_image) {
         // One picture whatever the time: the cached one, or decode it once.
@@ -200,9 +246,9 @@ std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std
 
     bool seeked = false;
     if (seek_needed) {
-        const SeekResult result = seek_or_rewind(s);
+        const SeekResult result = seek_unlocked(lock, s);
         if (result == SeekResult::Lost) return {};
-        seeked = result == SeekResult::Sought && s != 0;
+        seeked = result == SeekResult::Sought && s != begin;
         if (!seeked) at_begin = true;
     }
 
@@ -211,18 +257,24 @@ std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std
     if (!pkt || !frame) return {};
     int errors = 0;
     int pre_tries = 0;
+    // Each correction goes twice as far back as the last, so that a stream
+    // whose first frame lies far after its start costs a few seeks, not one
+    // per second of the gap.
+    long long step = ts_per_sec;
     std::shared_ptr<AVFrame> answer;
     for (;;) {
         if (cancelled(cancel)) break;
-        const int ret = instance->get_frame(pkt, frame.get());
+        // The decoder runs without the task's mutex: only this job touches the
+        // instance, and other requests meanwhile read the cache or wait.
+        const int ret = decode_unlocked(lock, pkt, frame.get(), cancel);
         const bool eof = ret == AVERROR_EOF;
         if (ret < 0 && !eof) {
             CLIPDEC_LOG(kLogError, kTagDefault, "failed to dec frame: %s", ffmpeg_error(ret));
             if (seeked && pre_tries <= kMaxPreTries) {
                 ++pre_tries;
                 CLIPDEC_LOG(kLogDebug, kTagDefault, "seek pre without flush, try=%d", pre_tries);
-                instance->seek(s, false);
-                decoded_since_start = s <= 0 ? 0 : -1;
+                without_lock(lock, [&] { return instance->seek(seek_point(s), false); });
+                decoded_since_start = s <= begin ? 0 : -1;
                 continue;
             }
             if (++errors > kMaxErrors) break;
@@ -232,13 +284,14 @@ std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std
         if (!eof) stamp_frame(frame.get());
 
         if (seeked && (eof || frame->best_effort_timestamp > t)) {
-            // The seek landed after the target: one second earlier, down to 0.
-            s = std::max(s - ts_per_sec, 0LL);
+            // The seek landed after the target: further back, down to the start.
+            s = s - begin > step ? s - step : begin;
+            step = step > LLONG_MAX / 2 ? step : step * 2;
             CLIPDEC_LOG(kLogDebug, kTagDefault, "---> seek (%lld), backward (1sec=%lld), ts=%lld", t, ts_per_sec, s);
-            const SeekResult result = seek_or_rewind(s);
+            const SeekResult result = seek_unlocked(lock, s);
             if (result == SeekResult::Lost) break;
             errors = pre_tries = 0;
-            if (s == 0 || result == SeekResult::Rewound) {
+            if (s == begin || result == SeekResult::Rewound) {
                 seeked = false;
                 at_begin = true;
             }
@@ -268,8 +321,6 @@ std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std
         }
         // Let waiters look at the new frame before decoding on.
         cond.notify_all();
-        lock.unlock();
-        lock.lock();
         frame = create_avframe_ptr(av_frame_alloc());
         if (!frame) return {};
         errors = pre_tries = 0;

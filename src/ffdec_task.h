@@ -3,10 +3,14 @@
 // cache, by decoding forward, or by seeking (with a one-second backward
 // correction when a seek lands after the target).
 //
-// Owned by its stream's scheduler pool once added. Every field is read and
-// written with `mutex` (the worker's) held. A job holds `mutex` while it
-// decodes but releases it after every appended frame, so requests waiting on
-// `cond` can pick up a frame that has just arrived while the job goes on.
+// Owned by its stream's scheduler pool once added. The cache and its flags
+// (`frames`, `at_begin`, `at_end`, `broken`, `last_ts`, `in_job`) are read
+// and written with `mutex` (the worker's) held. The instance, `packet` and
+// `decoded_since_start` belong to the one job running on the task (the
+// scheduler starts no second one), which gives `mutex` up while FFmpeg seeks
+// and decodes and notifies `cond` after every appended frame: requests for
+// cached frames are never held up by decoding, and those waiting on `cond`
+// pick up a frame as soon as it arrives.
 #pragma once
 
 #include <atomic>
@@ -38,13 +42,14 @@ public:
 
     // Opens an instance on the stream and reads the cache limit from the host's
     // settings ("dec.max_vf", default 4, for video; "dec.max_af", default 20,
-    // otherwise). A setting below 0 counts as the default.
+    // otherwise). A setting below 0 counts as the default, 0 as 1.
     bool open(const StreamCtx* sc);
     void close();
     bool is_opened() const;
     void clear_cache_frames();
 
     bool is_empty() const override;
+    bool is_broken() const override;
     long long cached_first_ts() const override;  // -1 when empty
     bool pri_is_contain(long long t, Ts_ROUND r) const;
     bool is_contain(long long t, bool next) override;
@@ -85,8 +90,22 @@ public:
     // steady stream of requests allocates none.
     UniqueAVPacket packet = make_packet();
 
+    // Testing only: called by a job before each frame it decodes, with the
+    // task's mutex released, so that a test can hold a job mid-decode. Null
+    // (one atomic load per frame) otherwise.
+    using DecodeHook = void (*)(FFDec_Task* task, const std::atomic<bool>* cancel);
+
 private:
     enum class SeekResult { Sought, Rewound, Lost };
+    // The earliest stream timestamp: the stream's start when it is positive,
+    // otherwise 0. A seek there puts the instance at the first frame.
+    long long begin_ts() const;
+    // Where the instance seeks for `ts`: 0 for any point at or before the start.
+    long long seek_point(long long ts) const;
+    // The instance's seek and decode, run with the task's mutex released.
+    SeekResult seek_unlocked(std::unique_lock<std::mutex>& lock, long long ts);
+    int decode_unlocked(std::unique_lock<std::mutex>& lock, AVPacket* pkt, AVFrame* frame,
+                        const std::atomic<bool>* cancel);
     // Seeks the instance; a stream that cannot seek (raw elementary streams,
     // some pipes) is reopened instead, which puts it back at its start.
     SeekResult seek_or_rewind(long long ts);
@@ -97,5 +116,7 @@ private:
     // limit (so it holds at most max_frames + 1); returns the previous back.
     std::shared_ptr<AVFrame> append_frame(const std::shared_ptr<AVFrame>& frame);
 };
+
+extern std::atomic<FFDec_Task::DecodeHook> g_task_decode_hook;
 
 }  // namespace ff

@@ -18,13 +18,18 @@ extern "C" {
 #include "ffmpeg_error.h"
 #include "filter_mgr.h"
 #include "frame_helpers.h"
+#include "guarded.h"
 #include "log.h"
 
 namespace ff {
 
-MovieCtx* FFDecoder::probe(const char* path, std::atomic<bool>* cancel) { return probe_movie(path, cancel); }
+MovieCtx* FFDecoder::probe(const char* path, std::atomic<bool>* cancel) {
+    return guarded("FFDecoder::probe", static_cast<MovieCtx*>(nullptr), [&] { return probe_movie(path, cancel); });
+}
 
-void FFDecoder::memCollection(unsigned ms) { mem_collection(ms); }
+void FFDecoder::memCollection(unsigned ms) {
+    guarded_void("FFDecoder::memCollection", [&] { mem_collection(ms); });
+}
 
 int excute_filting(AVFilterMgr* mgr, std::shared_ptr<AVFrame>& frame) {
     // The input is usually shared with a task's cache: the graph must take its
@@ -60,36 +65,46 @@ FFDecoder::FFDecoder() : d(new FFDecoderPrivate()) {}
 
 FFDecoder::~FFDecoder() {
     close();
-    delete d;
+    delete d;  // joins a worker a racing asynchronous request may have made since
 }
 
 bool FFDecoder::open(const StreamCtx* sc) {
-    std::lock_guard<std::mutex> lock(d->req_mutex);
-    return d->open(sc);
+    return guarded("FFDecoder::open", false, [&] {
+        std::lock_guard<std::mutex> lock(d->req_mutex);
+        return d->open(sc);  // an open decoder is closed first
+    });
 }
 
 void FFDecoder::close() {
-    std::unique_ptr<AsyncHelper> worker;
-    {
-        std::lock_guard<std::mutex> lock(d->req_mutex);
-        ++d->req_seq;
+    guarded_void("FFDecoder::close", [&] {
+        // Raised before taking the request mutex, which a running request
+        // holds: that request ends at its next cancel check instead of
+        // running to its end, and requests waiting for the mutex are stale.
         d->stop = true;
-        worker = d->detach_async();
-        d->close();
-    }
-    worker.reset();  // joined after the lock is released: its job may be waiting for it
+        ++d->req_seq;
+        {
+            std::lock_guard<std::mutex> lock(d->req_mutex);
+            d->close();
+        }
+        // Joined with no lock held: its job may be waiting for req_mutex.
+        d->detach_async().reset();
+    });
 }
 
 bool FFDecoder::reopen() {
-    const StreamCtx* sc = d->published_stream;
-    if (!sc) return false;  // never opened: nothing to reopen
-    std::lock_guard<std::mutex> lock(d->req_mutex);
-    return d->open(sc);
+    return guarded("FFDecoder::reopen", false, [&] {
+        const StreamCtx* sc = d->published_stream;
+        if (!sc) return false;  // never opened: nothing to reopen
+        std::lock_guard<std::mutex> lock(d->req_mutex);
+        return d->open(sc);
+    });
 }
 
 bool FFDecoder::isOpened() const {
-    std::lock_guard<std::mutex> lock(d->req_mutex);
-    return d->opened;
+    return guarded("FFDecoder::isOpened", false, [&] {
+        std::lock_guard<std::mutex> lock(d->req_mutex);
+        return d->opened;
+    });
 }
 
 StreamCtx const* FFDecoder::streamContex() const { return d->published_stream; }
@@ -101,17 +116,25 @@ int FFDecoder::getImageDivider(MemoryMode mode) {
 }
 
 std::shared_ptr<VFrameCtx> FFDecoder::getVideoFrame(const RequireVideoFrame& req) {
-    return pri_getVideoFrame(req, d->req_seq.load());
+    return guarded("FFDecoder::getVideoFrame", std::shared_ptr<VFrameCtx>(),
+                   [&] { return pri_getVideoFrame(req, d->req_seq.load()); });
 }
 
 std::shared_ptr<AFrameCtx> FFDecoder::getAudioFrame(const RequireAudioFrame& req) {
-    return pri_getAudioFrame(req, d->req_seq.load());
+    return guarded("FFDecoder::getAudioFrame", std::shared_ptr<AFrameCtx>(),
+                   [&] { return pri_getAudioFrame(req, d->req_seq.load()); });
 }
 
 std::shared_ptr<VFrameCtx> FFDecoder::pri_getVideoFrame(const RequireVideoFrame& request, int seq) {
-    RequireVideoFrame req = request;
-    if (!req.cancel) req.cancel = &d->stop;
-    std::lock_guard<std::mutex> lock(d->req_mutex);
+    return guarded("FFDecoder::pri_getVideoFrame", std::shared_ptr<VFrameCtx>(), [&] {
+        RequireVideoFrame req = request;
+        if (!req.cancel) req.cancel = &d->stop;
+        std::lock_guard<std::mutex> lock(d->req_mutex);
+        return serve_video_request(req, seq);
+    });
+}
+
+std::shared_ptr<VFrameCtx> FFDecoder::serve_video_request(const RequireVideoFrame& req, int seq) {
     if (seq < d->req_seq) {
         CLIPDEC_LOG(kLogDebug, d->name, "> 异步取画面，已过时： %lld (serials=%d)", req.time.num, seq);
         return {};
@@ -127,23 +150,25 @@ std::shared_ptr<VFrameCtx> FFDecoder::pri_getVideoFrame(const RequireVideoFrame&
         CLIPDEC_LOG(kLogDebug, d->name, "Video: seek... pos=%lld", ts);
         return {};
     }
-    if (d->filter && excute_filting(d->filter, frame) < 0) return {};
+    if (d->filter && d->filter_picture(frame) < 0) return {};
     std::shared_ptr<VFrameCtx> picture = d->convert_to_dst_frame(frame.get(), req);
     if (picture && d->stream->still_image) d->last_vframe = picture;
     return picture;
 }
 
 std::shared_ptr<AFrameCtx> FFDecoder::pri_getAudioFrame(const RequireAudioFrame& request, int seq) {
-    RequireAudioFrame req = request;
-    if (!req.cancel) req.cancel = &d->stop;
-    std::lock_guard<std::mutex> lock(d->req_mutex);
-    if (seq < d->req_seq) {
-        CLIPDEC_LOG(kLogDebug, d->name, "> 异步取音频，已过时： %lld (serials=%d)", req.range.begin.num, seq);
-        return {};
-    }
-    const StreamCtx* st = d->stream;
-    if (!d->opened || !st || st->type != STREAM_AUDIO || st->sample_rate <= 0 || st->channels <= 0) return {};
-    return serve_audio_request(d, req);
+    return guarded("FFDecoder::pri_getAudioFrame", std::shared_ptr<AFrameCtx>(), [&]() -> std::shared_ptr<AFrameCtx> {
+        RequireAudioFrame req = request;
+        if (!req.cancel) req.cancel = &d->stop;
+        std::lock_guard<std::mutex> lock(d->req_mutex);
+        if (seq < d->req_seq) {
+            CLIPDEC_LOG(kLogDebug, d->name, "> 异步取音频，已过时： %lld (serials=%d)", req.range.begin.num, seq);
+            return {};
+        }
+        const StreamCtx* st = d->stream;
+        if (!d->opened || !st || st->type != STREAM_AUDIO || st->sample_rate <= 0 || st->channels <= 0) return {};
+        return serve_audio_request(d, req);
+    });
 }
 
 // ---------------------------------------------------------------- asynchronous requests
@@ -160,33 +185,47 @@ void queue_on_worker(FFDecoderPrivate* d, AsyncHelper::Job job) {
     d->async->replace_waiting(std::move(job));
 }
 
+// Calls the host's callback with a non-null answer. A callback that throws is
+// logged; the worker goes on with the next request.
+template <typename Frame>
+void deliver(const std::function<void(std::shared_ptr<Frame>)>& callback, std::shared_ptr<Frame> answer) {
+    if (!answer || !callback) return;
+    guarded_void("asynchronous callback", [&] { callback(std::move(answer)); });
+}
+
 }  // namespace
 
 void FFDecoder::getVideoFrameAsync(const RequireVideoFrame& request,
                                    std::function<void(std::shared_ptr<VFrameCtx>)> callback) {
-    RequireVideoFrame req = request;
-    if (!req.cancel) req.cancel = &d->stop;
-    const int seq = d->req_seq.load();  // the number at queuing time decides staleness
-    queue_on_worker(d, [this, callback = std::move(callback), req, seq] {
-        if (req.cancel->load()) return;
-        std::shared_ptr<VFrameCtx> picture = pri_getVideoFrame(req, seq);
-        if (picture && callback) callback(picture);
+    guarded_void("FFDecoder::getVideoFrameAsync", [&] {
+        RequireVideoFrame req = request;
+        if (!req.cancel) req.cancel = &d->stop;
+        const int seq = d->req_seq.load();  // the number at queuing time decides staleness
+        queue_on_worker(d, [this, callback = std::move(callback), req, seq] {
+            if (req.cancel->load()) return;
+            deliver(callback, pri_getVideoFrame(req, seq));
+        });
     });
 }
 
 void FFDecoder::getAudioFrameAsync(const RequireAudioFrame& request,
                                    std::function<void(std::shared_ptr<AFrameCtx>)> callback) {
-    RequireAudioFrame req = request;
-    if (!req.cancel) req.cancel = &d->stop;
-    const int seq = d->req_seq.load();
-    queue_on_worker(d, [this, callback = std::move(callback), req, seq] {
-        if (req.cancel->load()) return;
-        std::shared_ptr<AFrameCtx> audio = pri_getAudioFrame(req, seq);
-        if (audio && callback) callback(audio);
+    guarded_void("FFDecoder::getAudioFrameAsync", [&] {
+        RequireAudioFrame req = request;
+        if (!req.cancel) req.cancel = &d->stop;
+        const int seq = d->req_seq.load();
+        queue_on_worker(d, [this, callback = std::move(callback), req, seq] {
+            if (req.cancel->load()) return;
+            deliver(callback, pri_getAudioFrame(req, seq));
+        });
     });
 }
 
 void FFDecoder::pri_seek(const Rational& t, bool async) {
+    guarded_void("FFDecoder::pri_seek", [&] { position_at(t, async); });
+}
+
+void FFDecoder::position_at(const Rational& t, bool async) {
     const StreamCtx* st = d->published_stream;
     if (!st) return;  // never opened
     if (st->type == STREAM_VIDEO) {

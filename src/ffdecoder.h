@@ -8,7 +8,8 @@
 // Requests are numbered: close() makes every request issued before it stale,
 // so work queued before a close never produces a frame. One request of a
 // decoder runs at a time; different decoders run in parallel and share the
-// decoding of a stream they have in common.
+// decoding of a stream they have in common. No exception leaves any member:
+// a failure inside answers null, false or nothing (and is logged).
 #pragma once
 
 #include <atomic>
@@ -42,10 +43,12 @@ public:
     static void memCollection(unsigned ms);
 
     // Opens the decoder on a stream record from probe(); false when the
-    // stream cannot be decoded.
+    // stream cannot be decoded. An open decoder is closed first.
     bool open(const StreamCtx* sc);
-    // Ends running work of this decoder early, makes waiting requests stale,
-    // stops the worker thread (unless called from it) and releases everything.
+    // Ends running work of this decoder early (the request under way stops at
+    // its next cancel check, requests waiting for it or for a busy worker give
+    // up), makes waiting requests stale, stops the worker thread (unless
+    // called from it) and releases everything.
     void close();
     // Opens again on the stream of the last open(); false when there is none.
     bool reopen();
@@ -72,7 +75,8 @@ public:
 
     // Queued on the decoder's worker; `callback` runs there with a non-null
     // answer, with no library lock held. It must not close or destroy this
-    // decoder's worker's owner synchronously expecting to be joined.
+    // decoder's worker's owner synchronously expecting to be joined. A
+    // callback that throws is logged at level 2; later requests still run.
     void getVideoFrameAsync(const RequireVideoFrame& req, std::function<void(std::shared_ptr<VFrameCtx>)> callback);
     void getAudioFrameAsync(const RequireAudioFrame& req, std::function<void(std::shared_ptr<AFrameCtx>)> callback);
 
@@ -86,6 +90,10 @@ protected:
     FFDecoderPrivate* private_data() const { return d; }
 
 private:
+    // The body of a picture request, with req_mutex held.
+    std::shared_ptr<VFrameCtx> serve_video_request(const RequireVideoFrame& req, int seq);
+    void position_at(const Rational& t, bool async);
+
     FFDecoderPrivate* d;
 };
 

@@ -4,8 +4,10 @@
 // (s truncated to hundredths), and audio keeps its pitch through an "atempo"
 // filter placed before the host's filters. Reverse play is for video only.
 //
-// The setters work on an opened decoder and must not run while a request of
-// the same decoder (synchronous or queued) may be running.
+// The setters work on an opened decoder. They may be called from any thread,
+// also while requests of the same decoder run: the filter is replaced between
+// two requests, and a request reads the speed and direction once, when it
+// starts.
 #pragma once
 
 #include <string>
@@ -38,7 +40,12 @@ public:
     std::shared_ptr<AFrameCtx> pri_getAudioFrame(const RequireAudioFrame& req, int seq) override;
 
 private:
+    // With req_mutex held.
     bool install_filter_text(const std::string& text);
+    // Runs `change(stream type)` with req_mutex held when the decoder is open;
+    // false otherwise.
+    template <typename F>
+    bool between_requests(const char* where, F change);
     FFDecoder2Private* d2;
 };
 

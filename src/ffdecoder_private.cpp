@@ -39,12 +39,17 @@ FFDecoderPrivate::FFDecoderPrivate() {
 
 FFDecoderPrivate::~FFDecoderPrivate() {
     close();
+    // No lock is held here, so the worker can be joined even when its job is
+    // about to ask for req_mutex.
+    detach_async().reset();
     std::free(name);
     stream = nullptr;
 }
 
 bool FFDecoderPrivate::open(const StreamCtx* sc) {
     if (!sc) return false;
+    // Each open adds a task to the pool: an open decoder gives its first back.
+    close();
     stop = false;
     end_audio_run();  // the first audio request after an open seeks
     stream = sc;
@@ -63,13 +68,14 @@ void FFDecoderPrivate::close() {
     if (!opened) return;
     stop = true;  // a job still decoding for this decoder ends early
     opened = false;
-    // Callers holding req_mutex detach the worker first and destroy it after
-    // unlocking; here it can only be stopped directly.
-    detach_async().reset();
+    // The asynchronous worker is left to the caller: it must be joined with
+    // req_mutex released, since its job may be waiting for that mutex.
     sws_freeContext(sws);
     sws = nullptr;
     reset_resampler_fifo();
     last_vframe.reset();
+    decoded_pix_fmt = -1;
+    decoded_width = decoded_height = 0;
     audio_pos = 0;
     audio_start = Rational(0, 0);
     audio_range = Range(Rational(0, 0), Rational(0, 0));
@@ -236,9 +242,11 @@ bool FFDecoderPrivate::open_filter(const char* filters_descr) {
     cc.time_base_num = static_cast<int>(stream->time_base.num);
     cc.time_base_den = static_cast<int>(stream->time_base.den);
     if (stream->type == STREAM_VIDEO) {
-        cc.pix_fmt = stream->pix_fmt;
-        cc.width = stream->width;
-        cc.height = stream->height;
+        // Once pictures have been decoded, the graph takes in what the decoder
+        // really delivers, which can differ from the probed parameters.
+        cc.pix_fmt = decoded_pix_fmt >= 0 ? decoded_pix_fmt : stream->pix_fmt;
+        cc.width = decoded_width > 0 ? decoded_width : stream->width;
+        cc.height = decoded_height > 0 ? decoded_height : stream->height;
         cc.sar_num = static_cast<int>(stream->sample_aspect_ratio.num);
         cc.sar_den = static_cast<int>(stream->sample_aspect_ratio.den);
     } else if (stream->type == STREAM_AUDIO) {
@@ -256,8 +264,22 @@ bool FFDecoderPrivate::open_filter(const char* filters_descr) {
     filter = mgr.release();
     filter_text = filters_descr;
     filter_sample_fmt = cc.sample_fmt;
+    filter_pix_fmt = cc.pix_fmt;
+    filter_width = cc.width;
+    filter_height = cc.height;
     last_vframe.reset();
     return true;
+}
+
+int FFDecoderPrivate::filter_picture(std::shared_ptr<AVFrame>& frame) {
+    if (frame->format != filter_pix_fmt || frame->width != filter_width || frame->height != filter_height) {
+        decoded_pix_fmt = frame->format;
+        decoded_width = frame->width;
+        decoded_height = frame->height;
+        const std::string text = filter_text;  // open_filter replaces the stored text
+        if (!open_filter(text.c_str())) return AVERROR(EINVAL);
+    }
+    return excute_filting(filter, frame);
 }
 
 void FFDecoderPrivate::close_filter() {

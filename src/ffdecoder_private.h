@@ -5,8 +5,11 @@
 // filter graph.
 //
 // No locking of its own: the facade runs one decoder's requests one at a time
-// under `req_mutex` and calls open and close under it too. `stop` is the only
-// field read from other threads (by decode jobs, as their cancel flag).
+// under `req_mutex` and calls open and close under it too; every field below
+// is guarded by `req_mutex` unless said otherwise. `stop`, `req_seq`,
+// `published_stream` and `audio_run_live` are atomics read without it.
+// `async` is guarded by `async_mutex`, which is taken alone (never with
+// req_mutex), so that a worker is always joined with no lock held.
 #pragma once
 
 #include <atomic>
@@ -71,6 +74,10 @@ public:
 
     bool open_filter(const char* filters_descr);
     void close_filter();
+    // Runs a decoded picture through `filter`, first rebuilding the graph for
+    // the picture's format and size when they are not those it was built for
+    // (a graph fed other pictures than it negotiated reads out of bounds).
+    int filter_picture(std::shared_ptr<AVFrame>& frame);
 
     int id;
     char* name;  // "dec_<id>": the log tag of this decoder
@@ -85,6 +92,14 @@ public:
     AVFilterMgr* filter = nullptr;
     std::string filter_text;      // the description `filter` was built from
     int filter_sample_fmt = -1;   // the sample format an audio `filter` takes in
+    int filter_pix_fmt = -1;      // the pictures a video `filter` takes in
+    int filter_width = 0;
+    int filter_height = 0;
+    // What the decoder really delivered last time a graph was rebuilt for it
+    // (-1, 0: nothing yet, the probed parameters stand).
+    int decoded_pix_fmt = -1;
+    int decoded_width = 0;
+    int decoded_height = 0;
     SwsContext* sws = nullptr;
     ScalerSettings sws_settings;  // what `sws` was built for
     AVAudioFifo* fifo = nullptr;
@@ -109,8 +124,8 @@ public:
     std::mutex req_mutex;
     AsyncHelper* async = nullptr;  // the worker thread of asynchronous requests, made on first use
     std::atomic<int> req_seq{0};
-    // Guards the creation of `async`, which two threads' first asynchronous
-    // requests may race for; taken alone, never with req_mutex.
+    // Guards `async`, which two threads' first asynchronous requests may race
+    // to create and a close takes away; taken alone, never with req_mutex.
     std::mutex async_mutex;
     // Converted samples carried from one audio request to the next, so that a
     // run of contiguous requests at another rate than the stream's gets

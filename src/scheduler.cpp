@@ -72,19 +72,29 @@ void AbstractScheduler<T>::remove_worker(iWorker* w, bool del) {
 template <typename T>
 bool AbstractScheduler<T>::remove_idle_locked(iWorker* only, bool del) {
     iWorker* victim = nullptr;
+    bool victim_broken = false;
     int64_t recorded = 0;
     for (iWorker* x : workers) {
         if (only && x != only) continue;
-        std::lock_guard<std::mutex> guard(x->mutex);
+        // A held mutex means a request is inside the worker right now: in use.
+        // Waiting for it would stall every request of the stream behind the
+        // exclusive pool lock.
+        std::unique_lock<std::mutex> guard(x->mutex, std::try_to_lock);
+        if (!guard.owns_lock()) continue;
         // A worker running, chosen for, or awaited by a request stays.
         if (x->busy || x->reserved_by != 0 || x->waiters > 0) continue;
-        if (!victim || recorded == 0 || x->last_used < recorded) {
+        const bool broken = x->is_broken();
+        const bool older = recorded == 0 || x->last_used < recorded;
+        if (!victim || (broken && !victim_broken) || (broken == victim_broken && older)) {
             victim = x;
+            victim_broken = broken;
             recorded = x->last_used;
         }
     }
     if (!victim) return false;
     workers.remove(victim);
+    // Idle and unreserved with the pool locked exclusively: nobody can enter
+    // it any more, this only waits for a request that was just leaving.
     { std::lock_guard<std::mutex> nobody_inside(victim->mutex); }
     if (del) {
         CLIPDEC_SCOPE("remove_worker", "del wk");
@@ -108,7 +118,7 @@ std::vector<typename AbstractScheduler<T>::iWorker*> AbstractScheduler<T>::order
         ordered.push_back(workers.front());
         return ordered;
     }
-    std::vector<iWorker*> holding, heading, arriving_own, empty, rest_own;
+    std::vector<iWorker*> holding, heading, arriving_own, empty, rest_own, broken;
     std::vector<Ranked> arriving_other, rest_other;
     for (iWorker* w : workers) {
         std::lock_guard<std::mutex> guard(w->mutex);
@@ -118,6 +128,8 @@ std::vector<typename AbstractScheduler<T>::iWorker*> AbstractScheduler<T>::order
             // Already chosen for this very frame: waiting for it beats starting
             // a second decode of the same frame on a worker of one's own.
             heading.push_back(w);
+        } else if (w->is_broken()) {
+            broken.push_back(w);
         } else if (w->will_contain(ts)) {
             if (w->owner == owner_id) {
                 arriving_own.push_back(w);
@@ -147,6 +159,7 @@ std::vector<typename AbstractScheduler<T>::iWorker*> AbstractScheduler<T>::order
     ordered.insert(ordered.end(), empty.begin(), empty.end());
     ordered.insert(ordered.end(), rest_own.begin(), rest_own.end());
     for (const Ranked& r : rest_other) ordered.push_back(r.worker);
+    ordered.insert(ordered.end(), broken.begin(), broken.end());
     return ordered;
 }
 
@@ -210,10 +223,42 @@ void AbstractScheduler<T>::wait_for_change(uint64_t seen_epoch) {
     idle_cv.wait_for(lock, std::chrono::milliseconds(20), [&] { return idle_epoch != seen_epoch; });
 }
 
+namespace {
+// How often a waiting request looks at its cancel flag: nobody notifies the
+// worker's condition when a request is cancelled.
+constexpr auto kCancelPoll = std::chrono::milliseconds(5);
+}  // namespace
+
+template <typename T>
+T AbstractScheduler<T>::await_worker(iWorker* w, std::unique_lock<std::mutex>& lock, long long ts,
+                                     std::atomic<bool>* cancel, bool next, int owner_id, bool* gave_up) {
+    for (;;) {
+        if (w->is_contain(ts, next)) {
+            --w->waiters;
+            T answer = w->get_exist_resource(ts, next);
+            count(decode_counters().cache_hits);
+            return answer;
+        }
+        if (!w->busy && w->reserved_by == 0) {
+            --w->waiters;
+            return run_job(w, lock, ts, cancel, next, owner_id);
+        }
+        w->cond.wait_for(lock, kCancelPoll);
+        if (cancelled(cancel)) {
+            CLIPDEC_LOG(kLogDebug, kTagDefault, "worker cancelled: %p, %s", static_cast<void*>(w), w->name);
+            --w->waiters;
+            lock.unlock();
+            *gave_up = true;
+            return T();
+        }
+    }
+}
+
 template <typename T>
 T AbstractScheduler<T>::do_working(long long ts, std::atomic<bool>* cancel, bool next, int owner_id,
                                    const char* who) {
     const uint64_t walk = g_next_walk.fetch_add(1);
+    settle_pending_removals();  // a removal deferred while a request was inside a worker
     for (int round = 0;; ++round) {
         // Only the first round is unconditional: a request cancelled while it
         // looped for a free worker ends here instead of starting a job.
@@ -272,25 +317,9 @@ T AbstractScheduler<T>::do_working(long long ts, std::atomic<bool>* cancel, bool
             release_candidates(candidates, walk);
             count(decode_counters().waits);
             std::unique_lock<std::mutex> lock(awaited->mutex);
-            for (;;) {
-                if (awaited->is_contain(ts, next)) {
-                    --awaited->waiters;
-                    T answer = awaited->get_exist_resource(ts, next);
-                    count(decode_counters().cache_hits);
-                    return answer;
-                }
-                if (!awaited->busy && awaited->reserved_by == 0) {
-                    --awaited->waiters;
-                    return run_job(awaited, lock, ts, cancel, next, owner_id);
-                }
-                awaited->cond.wait(lock);
-                if (cancelled(cancel)) {
-                    CLIPDEC_LOG(kLogDebug, kTagDefault, "worker cancelled: %p, %s", static_cast<void*>(awaited),
-                                awaited->name);
-                    --awaited->waiters;
-                    break;
-                }
-            }
+            bool gave_up = false;
+            T answer = await_worker(awaited, lock, ts, cancel, next, owner_id, &gave_up);
+            if (!gave_up) return answer;
             continue;
         }
         if (!chosen && !candidates.empty()) {

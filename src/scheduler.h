@@ -11,7 +11,9 @@
 // requests, exclusive for adding and removing workers) -> one worker's
 // `mutex` -> the internal mutex of that worker's `cond`. A request never holds
 // two worker mutexes at once, and never holds the pool mutex while it waits
-// for a worker or runs a job. `idle_mutex` is taken alone.
+// for a worker or runs a job; a job gives its worker's mutex up while it
+// decodes, so the pool mutex is never held across decoding either. Removal
+// only tries a worker's mutex. `idle_mutex` is taken alone.
 #pragma once
 
 #include <atomic>
@@ -42,6 +44,10 @@ public:
         iWorker& operator=(const iWorker&) = delete;
 
         virtual bool is_empty() const = 0;
+        // A worker that can no longer decode anything (its stream ended with
+        // nothing cached) is asked only when no other worker can take a job,
+        // and goes first when a decoder closes.
+        virtual bool is_broken() const { return false; }
         virtual long long cached_first_ts() const = 0;
         virtual bool is_contain(long long ts, bool next) = 0;
         virtual bool will_contain(long long ts) = 0;
@@ -77,10 +83,13 @@ public:
     AbstractScheduler& operator=(const AbstractScheduler&) = delete;
 
     void add_worker(iWorker* w);
-    // Removes the least recently used worker that no request uses, reserves
-    // or waits on (only `w` when given), and deletes it when `del`. When every
-    // worker is in use, the removal is remembered and done as soon as a job
-    // ends, so the pool does not keep a worker per close that met a busy pool.
+    // Removes a broken worker, else the least recently used one, that no
+    // request uses, reserves or waits on (only `w` when given), and deletes it
+    // when `del`. A worker whose mutex is held at that moment counts as in use:
+    // removal never waits for another request's work. When every worker is in
+    // use, the removal is remembered and done as soon as a job ends or the next
+    // request arrives, so the pool does not keep a worker per close that met a
+    // busy pool.
     void remove_worker(iWorker* w, bool del);
     // The frame for `ts` (`next`: the first frame after `ts`), or null.
     T do_working(long long ts, std::atomic<bool>* cancel, bool next, int owner_id, const char* who);
@@ -89,7 +98,7 @@ public:
 
 private:
     // Classification of a worker for one request, in preference order.
-    enum class Rank { Holding, ArrivingOwn, ArrivingOther, Empty, Rest };
+    enum class Rank { Holding, ArrivingOwn, ArrivingOther, Empty, Rest, Broken };
     struct Ranked {
         iWorker* worker;
         Rank rank;
@@ -105,6 +114,10 @@ private:
     T run_job(iWorker* w, std::unique_lock<std::mutex>& lock, long long ts, std::atomic<bool>* cancel, bool next,
               int owner_id);
     void wait_for_change(uint64_t seen_epoch);
+    // Waits on `w` (whose mutex `lock` holds) for the frame or for the worker
+    // to come free; null with the lock released when `cancel` is raised first.
+    T await_worker(iWorker* w, std::unique_lock<std::mutex>& lock, long long ts, std::atomic<bool>* cancel,
+                   bool next, int owner_id, bool* gave_up);
     // With `pool_mutex` held exclusively: removes one idle worker (only `only`
     // when given); false when none is idle.
     bool remove_idle_locked(iWorker* only, bool del);
