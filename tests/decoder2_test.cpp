@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -155,6 +156,18 @@ TEST(Decoder2Video, UserFiltersMirrorThePictureUntilRemoved) {
     EXPECT_EQ(index_at(dec, 2, 1), mirrored(50));
     ASSERT_TRUE(dec.setSpeed(1.0));  // rebuilt from the stored (empty) text
     EXPECT_EQ(index_at(dec, 2, 1), 50);
+
+    // Pictures that arrive in another format than the stream said get a
+    // graph built for them: the same picture as from the true description.
+    StreamCtx misdescribed = *video;
+    misdescribed.pix_fmt = AV_PIX_FMT_YUV444P;
+    FFDecoder2 told, misled;
+    ASSERT_TRUE(told.open(video) && misled.open(&misdescribed));
+    ASSERT_TRUE(told.setFilters("hflip") && misled.setFilters("hflip"));
+    const RequireVideoFrame req{Rational(1, 1), PF_RGBA, 1, nullptr};
+    const auto want = told.getVideoFrame(req), got = misled.getVideoFrame(req);
+    ASSERT_TRUE(want && got && want->size == got->size);
+    EXPECT_EQ(std::memcmp(want->data[0], got->data[0], static_cast<size_t>(want->size)), 0);
 }
 
 TEST(Decoder2Audio, TempoKeepsThePitchAndTheClipLength) {

@@ -167,3 +167,27 @@ TEST(FFDecTask, CancelStillPicturesAndBrokenStreams) {
     EXPECT_FALSE(unseekable.broken);
     EXPECT_NE(ask(unseekable, 0), nullptr);
 }
+
+TEST(FFDecTask, OneFrameCacheAndAFirstFrameFarAfterTheStart) {
+    // With a cache limit of 0 the frame on screen between two frames is still
+    // the earlier one, though the cache keeps only the later.
+    const StreamCtx* sc = video_of("h264_cfr.mp4");
+    ASSERT_NE(sc, nullptr);
+    FFDec_Task small;
+    ASSERT_TRUE(small.open(sc));
+    small.max_frames = 0;
+    EXPECT_EQ(index_of(ask(small, 30 * kFrame + 100)), 30);
+
+    // A stream said to start at 0 whose first frame comes at 10 s: a request
+    // just before that frame goes back in growing steps, not second by second.
+    const StreamCtx* ts = video_of("ts_offset.ts");
+    ASSERT_NE(ts, nullptr);
+    StreamCtx from_zero = *ts;
+    from_zero.start_time = 0;
+    FFDec_Task task;
+    ASSERT_TRUE(task.open(&from_zero));
+    Counts c;
+    EXPECT_EQ(index_of(ask(task, ts->start_time - ts->start_time / 100)), 0);
+    EXPECT_TRUE(task.at_begin);
+    EXPECT_LE(c.sought(), 6u);
+}

@@ -106,11 +106,13 @@ public:
     size_t max_held = 0;    // 0: unbounded
     long long barren = -1;  // a job for this ts ends without a frame
     bool throw_in_job = false;
+    bool broken = false;
     Latch* before_append = nullptr;
     Latch* after_append = nullptr;
 
     void hold(long long ts) { held[ts] = make_frame(ts); }
     bool is_empty() const override { return held.empty(); }
+    bool is_broken() const override { return broken; }
     long long cached_first_ts() const override { return held.empty() ? -1 : held.begin()->first; }
     bool is_contain(long long ts, bool next) override { return held.count(target_of(ts, next)) != 0; }
     bool will_contain(long long ts) override {
@@ -205,7 +207,7 @@ std::string stdout_of(F f) {
 }  // namespace
 
 TEST(SchedulerChoice, PicksWorkerInPreferenceOrder) {
-    struct W { std::vector<long long> holds; bool arriving; int owner; int64_t last_used; };
+    struct W { std::vector<long long> holds; bool arriving; int owner; int64_t last_used; bool broken = false; };
     struct Case { const char* what; std::vector<W> workers; size_t expected; bool next = false; };
     const W empty{{}, false, 0, 0};
     const std::vector<W> holders{empty, {{100, 101}, false, 0, 0}, {{50}, true, 1, 0}, {{100}, false, 0, 0}};
@@ -222,6 +224,7 @@ TEST(SchedulerChoice, PicksWorkerInPreferenceOrder) {
         {"least recently used", {{{1000}, false, 2, 300}, {{2000}, false, 3, 100}, {{3000}, false, 4, 200}}, 1},
         {"LRU equals: later added", {{{1000}, false, 2, 300}, {{2000}, false, 3, 100}, {{3000}, false, 4, 100}}, 2},
         {"a lone worker takes everything", {{{1000}, false, 9, 1}}, 0},
+        {"a broken worker last, though empty and own", {{{}, false, 1, 0, true}, {{1000}, false, 2, 300}}, 1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -233,6 +236,7 @@ TEST(SchedulerChoice, PicksWorkerInPreferenceOrder) {
                 x.arrive_hi = w.arriving ? 200 : -1;
                 x.owner = w.owner;
                 x.last_used = w.last_used;
+                x.broken = w.broken;
             }));
         }
         FakeWorker* want = ws[c.expected];
@@ -379,5 +383,23 @@ TEST(SchedulerRemoval, RemovesOnlyTheLeastRecentlyUsedIdleWorker) {
         EXPECT_EQ(p.t.gone_ids().size(), 1u);
         EXPECT_EQ(p.t.deleted_in_use.load(), 0);
     }
+    {  // A broken worker goes before the least recently used one. A worker
+       // whose mutex someone holds is in use: its removal is deferred to the
+       // next request instead of waiting for that mutex.
+        Pool p;
+        FakeWorker* lru = p.add([](FakeWorker& x) { x.hold(10), x.last_used = 1; });
+        FakeWorker* broken = p.add([](FakeWorker& x) { x.broken = true, x.last_used = 900; });
+        const int broken_id = broken->id, lru_id = lru->id;
+        p.sched.remove_worker(nullptr, true);
+        EXPECT_EQ(p.t.gone_ids(), std::vector<int>{broken_id});
+        {
+            std::lock_guard<std::mutex> inside(lru->mutex);
+            p.sched.remove_worker(nullptr, true);
+            EXPECT_EQ(p.sched.worker_count(), 1u);
+        }
+        // The next request settles the deferred removal first: nothing is left.
+        EXPECT_EQ(p.get(10, 1), nullptr);
+        EXPECT_EQ(p.t.gone_ids(), (std::vector<int>{broken_id, lru_id}));
+        EXPECT_EQ(p.t.deleted_in_use.load(), 0);
+    }
 }
-

@@ -1,0 +1,253 @@
+// A host's lifecycle around the answers: closes and cached requests that never
+// wait for another decoder's decoding, a close that cuts its own request and
+// its waiting requests short, open/reopen/close cycles that leave no task or
+// thread behind, exceptions that never reach the host, and setters that wait
+// for the request under way. Jobs are held mid-decode by the task's decode
+// hook, so every case is decided by order, not by timing.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+#include <new>
+#include <stdexcept>
+#include <thread>
+
+#include "decode_counters.h"
+#include "engine_support.h"
+#include "ffdec_task.h"
+#include "ffdecoder2.h"
+#include "scheduler.h"
+
+using namespace ff;
+
+namespace {
+
+constexpr auto kLimit = std::chrono::seconds(20);  // only against a hang
+
+enum class HoldMode { Off, UntilReleased, UntilCancelled };
+
+// Holds every decoding job at the task's decode hook while switched on.
+struct JobHold {
+    static std::atomic<HoldMode> mode;
+    static std::atomic<int> held;
+
+    static void hook(FFDec_Task*, const std::atomic<bool>* cancel) {
+        const auto deadline = std::chrono::steady_clock::now() + kLimit;
+        ++held;
+        for (;;) {
+            const HoldMode m = mode.load();
+            if (m == HoldMode::Off || (m == HoldMode::UntilCancelled && cancel && cancel->load())) break;
+            if (std::chrono::steady_clock::now() > deadline) {
+                std::fprintf(stderr, "a held job was never let go\n");
+                std::abort();
+            }
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        --held;
+    }
+
+    explicit JobHold(HoldMode m) {
+        mode = m;
+        g_task_decode_hook = &JobHold::hook;
+    }
+    ~JobHold() {
+        mode = HoldMode::Off;
+        while (held.load() > 0) std::this_thread::yield();
+        g_task_decode_hook = nullptr;
+    }
+    static void wait_held(int n) {
+        const auto deadline = std::chrono::steady_clock::now() + kLimit;
+        while (held.load() < n) {
+            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "job never reached the hook";
+            std::this_thread::yield();
+        }
+    }
+};
+std::atomic<HoldMode> JobHold::mode{HoldMode::Off};
+std::atomic<int> JobHold::held{0};
+
+// `work` on another thread; true when it finished within the limit.
+template <typename F>
+auto run_aside(F work) {
+    return std::async(std::launch::async, std::move(work));
+}
+template <typename T>
+bool done(std::future<T>& f) {
+    return f.wait_for(kLimit) == std::future_status::ready;
+}
+
+RequireVideoFrame at_ms(long long ms, std::atomic<bool>* cancel = nullptr) {
+    RequireVideoFrame req;
+    req.time = Rational(ms, 1000);
+    req.format = PF_YUV420P;
+    req.cancel = cancel;
+    return req;
+}
+
+int index_of(const std::shared_ptr<VFrameCtx>& p) { return p ? testmedia::picture_index(*p) : -1; }
+
+int thread_count() {
+    int n = 0;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (dirent* e = readdir(dir)) n += e->d_name[0] != '.';
+        closedir(dir);
+    }
+    return n;
+}
+
+class Video : public testing::Test {
+protected:
+    void SetUp() override {
+        video = enginetest::load_video("h264_cfr.mp4");
+        ASSERT_NE(video.stream, nullptr);
+    }
+    size_t workers() { return g_decoder_mgr.pool_of(video.stream)->worker_count(); }
+    enginetest::VideoUnderTest video;
+};
+
+}  // namespace
+
+TEST_F(Video, ClosesAndCachedPicturesNeverWaitForAnotherDecodersJob) {
+    FFDecoder a, b, c;
+    ASSERT_TRUE(a.open(video.stream) && b.open(video.stream) && c.open(video.stream));
+    const size_t before = workers();
+    ASSERT_EQ(index_of(c.getVideoFrame(at_ms(0))), 0);
+
+    JobHold hold(HoldMode::UntilReleased);
+    auto far = run_aside([&] { return a.getVideoFrame(at_ms(3000)); });
+    JobHold::wait_held(1);
+    auto cached = run_aside([&] { return c.getVideoFrame(at_ms(0)); });
+    auto close = run_aside([&] { b.close(); });
+    const bool cached_done = done(cached), close_done = done(close);
+    JobHold::mode = HoldMode::Off;
+    ASSERT_TRUE(cached_done && close_done);
+    EXPECT_EQ(index_of(cached.get()), 0);
+    EXPECT_EQ(workers(), before - 1);
+    EXPECT_EQ(index_of(far.get()), 75);
+}
+
+TEST_F(Video, CloseCutsItsOwnRequestAndItsWaitingRequestsShort) {
+    FFDecoder a, b;
+    ASSERT_TRUE(a.open(video.stream) && b.open(video.stream));
+    JobHold hold(HoldMode::UntilCancelled);
+    auto own = run_aside([&] { return a.getVideoFrame(at_ms(3000)); });
+    JobHold::wait_held(1);
+    // b asks for the frame a's job is heading to: it waits for that job.
+    const uint64_t waits = decode_counters().waits.load();
+    auto waiting = run_aside([&] { return b.getVideoFrame(at_ms(3000)); });
+    while (decode_counters().waits.load() == waits) std::this_thread::yield();
+
+    auto close_b = run_aside([&] { b.close(); });
+    ASSERT_TRUE(done(close_b) && done(waiting));
+    EXPECT_EQ(waiting.get(), nullptr);
+    EXPECT_EQ(JobHold::held.load(), 1);  // a's job has not moved meanwhile
+    auto close_a = run_aside([&] { a.close(); });
+    ASSERT_TRUE(done(close_a) && done(own));
+    EXPECT_EQ(own.get(), nullptr);
+}
+
+TEST_F(Video, OpenReopenAndCloseCyclesLeaveNoTaskOrThread) {
+    const size_t workers_before = workers();
+    const int threads_before = thread_count();
+    FFDecoder kept;
+    for (int cycle = 0; cycle < 30; ++cycle) {
+        FFDecoder d;
+        for (FFDecoder* dec : {&d, &kept}) {
+            ASSERT_TRUE(dec->open(video.stream));
+            ASSERT_TRUE(dec->open(video.stream));  // open while open
+            ASSERT_TRUE(dec->reopen());
+            std::promise<int> answered;
+            dec->getVideoFrameAsync(at_ms(40 * cycle), [&](std::shared_ptr<VFrameCtx> p) {
+                answered.set_value(index_of(p));
+            });
+            auto answer = answered.get_future();
+            ASSERT_EQ(answer.wait_for(kLimit), std::future_status::ready);
+            EXPECT_EQ(answer.get(), cycle);
+            ASSERT_EQ(workers(), workers_before + (dec == &d ? 1 : 2));
+        }
+        kept.close();
+    }
+    EXPECT_EQ(workers(), workers_before);
+    EXPECT_EQ(thread_count(), threads_before);
+}
+
+namespace {
+
+// A decoder whose requests throw, as one running out of memory would.
+class ThrowingDecoder : public FFDecoder {
+public:
+    std::atomic<bool> fail{false};
+    std::atomic<int> thrown{0};
+    std::shared_ptr<VFrameCtx> pri_getVideoFrame(const RequireVideoFrame& req, int seq) override {
+        if (fail) {
+            ++thrown;
+            throw std::bad_alloc();
+        }
+        return FFDecoder::pri_getVideoFrame(req, seq);
+    }
+};
+
+}  // namespace
+
+TEST_F(Video, NoExceptionReachesTheHostAndTheWorkerGoesOn) {
+    struct Case {
+        const char* what;
+        bool async, request_throws, callback_throws;
+    };
+    const Case cases[] = {
+        {"request throws", false, true, false},
+        {"asynchronous request throws", true, true, false},
+        {"callback throws", true, false, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        ThrowingDecoder dec;
+        ASSERT_TRUE(dec.open(video.stream));
+        dec.fail = c.request_throws;
+        testmedia::LogCapture log;
+        if (!c.async) {
+            EXPECT_EQ(dec.getVideoFrame(at_ms(400)), nullptr);
+        } else {
+            std::promise<void> thrown;
+            dec.getVideoFrameAsync(at_ms(400), [&](std::shared_ptr<VFrameCtx>) {
+                thrown.set_value();
+                throw std::runtime_error("host callback failed");
+            });
+            if (c.callback_throws) {
+                ASSERT_EQ(thrown.get_future().wait_for(kLimit), std::future_status::ready);
+            }
+            while (c.request_throws && dec.thrown.load() == 0) std::this_thread::yield();
+        }
+        // The next asynchronous request is answered: the worker lives on.
+        dec.fail = false;
+        std::promise<int> answered;
+        dec.getVideoFrameAsync(at_ms(800), [&](std::shared_ptr<VFrameCtx> p) { answered.set_value(index_of(p)); });
+        auto answer = answered.get_future();
+        ASSERT_EQ(answer.wait_for(kLimit), std::future_status::ready);
+        EXPECT_EQ(answer.get(), 20);
+        const std::string text = log.take();
+        EXPECT_NE(text.find(c.callback_throws ? "asynchronous callback: exception caught: host callback failed"
+                                              : "exception caught: std::bad_alloc"),
+                  std::string::npos)
+            << text;
+    }
+}
+
+TEST_F(Video, SettersWaitForTheRequestUnderWay) {
+    FFDecoder2 dec;
+    ASSERT_TRUE(dec.open(video.stream));
+    JobHold hold(HoldMode::UntilReleased);
+    auto request = run_aside([&] { return dec.getVideoFrame(at_ms(1000)); });
+    JobHold::wait_held(1);
+    auto setter = run_aside([&] { return dec.setFilters("hflip"); });
+    JobHold::mode = HoldMode::Off;
+    ASSERT_TRUE(done(request) && done(setter));
+    EXPECT_EQ(index_of(request.get()), 25);  // built and converted without the new filter
+    EXPECT_TRUE(setter.get());
+    EXPECT_NE(index_of(dec.getVideoFrame(at_ms(1000))), 25);  // mirrored from now on
+}
