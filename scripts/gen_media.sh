@@ -33,6 +33,8 @@ x264=(-c:v libx264 -preset veryfast -crf 18 -bf 2 -g 25 -threads 1 -pix_fmt yuv4
 # H.264 with B-frames, constant 25 fps, with an AAC tone.
 ff -f lavfi -i "$(frames 25 4)" -f lavfi -i "$(tone 440 48000 4)" \
    "${x264[@]}" -c:a aac -b:a 128k -ac 2 "${exact[@]}" -movflags +faststart h264_cfr.mp4
+# 12 s of H.264 with a key frame every 250 frames: far seeks decode for long.
+ff -f lavfi -i "$(frames 25 12)" "${x264[@]}" -g 250 -keyint_min 250 -sc_threshold 0 "${exact[@]}" long_gop.mp4
 # H.264 at 24000/1001 fps.
 ff -f lavfi -i "$(frames 24000/1001 3)" "${x264[@]}" "${exact[@]}" h264_23976.mp4
 # Variable frame rate: frame intervals alternate between 30 ms and 50 ms.

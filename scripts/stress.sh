@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The stress tests for SECONDS (default 60) under ThreadSanitizer: 8 threads and
-# 16 decoders over 3 files through the public interface.
+# The stress tests for SECONDS (default 60) under ThreadSanitizer: 16 threads and
+# 24 decoders over 4 files through the public interface.
 #   scripts/stress.sh [SECONDS]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)

@@ -1,8 +1,10 @@
 // A bounded stress run of the public interface, as a busy host drives it:
-// 8 threads and 16 decoders over 3 files (two videos and a position-coded
-// audio ramp), synchronous and asynchronous requests, positioning, close and
-// reopen, decoders replaced, and probes of new paths to the same movies.
-// Nothing may deadlock and every delivered picture and span must be exact.
+// 16 threads and 24 decoders over 4 files (three videos, one with a key frame
+// only every 250 frames so that seeks decode far, and a position-coded audio
+// ramp), synchronous and asynchronous requests, positioning, close, reopen
+// and open while open, filter setters from any thread, callbacks that throw,
+// decoders replaced, and probes of new paths to the same movies. Nothing may
+// deadlock or escape and every delivered picture and span must be exact.
 // CLIPDEC_STRESS_SECONDS sets the length (default 4 s; scripts/stress.sh runs 60).
 #include <gtest/gtest.h>
 
@@ -14,13 +16,14 @@
 #include <memory>
 #include <mutex>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "engine_support.h"
 #include "ff_tools.h"
-#include "ffdecoder.h"
+#include "ffdecoder2.h"
 #include "media.h"
 #include "watchdog.h"
 
@@ -37,16 +40,17 @@ int stress_seconds() {
 struct Source {
     enginetest::VideoUnderTest video;   // empty stream for the audio ramp
     const StreamCtx* audio = nullptr;
+    long long length_ms = 4200;         // pictures are asked for before this
 };
 
 struct Slot {
     std::mutex mutex;                   // guards `decoder` (the pointer), not its use
-    std::shared_ptr<FFDecoder> decoder;
+    std::shared_ptr<FFDecoder2> decoder;
     const Source* source = nullptr;
 };
 
 struct Tally {
-    std::atomic<int> pictures{0}, spans{0}, async_answers{0}, wrong{0}, wrong_spans{0}, probes{0};
+    std::atomic<int> pictures{0}, spans{0}, async_answers{0}, wrong{0}, wrong_spans{0}, probes{0}, thrown{0};
 };
 
 const StreamCtx* stream_of(const Source& s) { return s.audio ? s.audio : s.video.stream; }
@@ -66,7 +70,7 @@ bool span_is_ramp(const AFrameCtx& a, long long first) {
 
 void ask_picture(FFDecoder& dec, const Source& src, std::mt19937& rng, bool async, Tally& tally) {
     RequireVideoFrame req;
-    req.time = Rational(static_cast<long long>(rng() % 4200), 1000);
+    req.time = Rational(static_cast<long long>(rng() % src.length_ms), 1000);
     req.format = rng() % 2 ? PF_RGBA : PF_YUV420P;
     const int expected = expected_index(src.video, req.time);
     auto check = [&tally, expected](const std::shared_ptr<VFrameCtx>& p) {
@@ -79,9 +83,13 @@ void ask_picture(FFDecoder& dec, const Source& src, std::mt19937& rng, bool asyn
         }
         return;
     }
-    dec.getVideoFrameAsync(req, [&tally, check](std::shared_ptr<VFrameCtx> p) {
+    const bool throws = rng() % 8 == 0;  // the library catches it and the worker goes on
+    dec.getVideoFrameAsync(req, [&tally, check, throws](std::shared_ptr<VFrameCtx> p) {
         ++tally.async_answers;
         check(p);
+        if (!throws) return;
+        ++tally.thrown;
+        throw std::runtime_error("host callback failed");
     });
 }
 
@@ -113,18 +121,19 @@ void probe_new_path(const Source& src, int serial, Tally& tally) {
 }  // namespace
 
 TEST(PublicStress, ThreadsDecodersRequestsAndReopensNeverDeadlockOrMisanswer) {
-    Source sources[3];
+    Source sources[4];
     sources[0].video = enginetest::load_video("h264_cfr.mp4");
     sources[1].video = enginetest::load_video("vfr.mkv");
+    sources[2].video = enginetest::load_video("long_gop.mp4");
+    sources[2].length_ms = 12000;
     MovieCtx* wav = getMovieInfo(testmedia::path("pcm_s16.wav").c_str(), nullptr);
     ASSERT_NE(wav, nullptr);
-    sources[2].audio = wav->streams[wav->audio_indexes[0]];
-    ASSERT_NE(sources[0].video.stream, nullptr);
-    ASSERT_NE(sources[1].video.stream, nullptr);
+    sources[3].audio = wav->streams[wav->audio_indexes[0]];
+    for (int i = 0; i < 3; ++i) ASSERT_NE(sources[i].video.stream, nullptr);
 
-    constexpr int kThreads = 8, kDecoders = 16;
+    constexpr int kThreads = 16, kDecoders = 24;
     std::vector<Slot> slots(kDecoders);
-    for (int i = 0; i < kDecoders; ++i) slots[i].source = &sources[i % 3];
+    for (int i = 0; i < kDecoders; ++i) slots[i].source = &sources[i % 4];
 
     const int seconds = stress_seconds();
     testsupport::Watchdog watchdog("public stress", std::chrono::seconds(seconds + 120));
@@ -138,11 +147,11 @@ TEST(PublicStress, ThreadsDecodersRequestsAndReopensNeverDeadlockOrMisanswer) {
             while (std::chrono::steady_clock::now() < end) {
                 Slot& slot = slots[rng() % kDecoders];
                 const unsigned op = rng() % 100;
-                std::shared_ptr<FFDecoder> dec;
+                std::shared_ptr<FFDecoder2> dec;
                 {
                     std::lock_guard<std::mutex> lock(slot.mutex);
                     if (!slot.decoder || op < 3) {  // a new decoder; the old one goes with its last user
-                        slot.decoder = std::make_shared<FFDecoder>();
+                        slot.decoder = std::make_shared<FFDecoder2>();
                         slot.decoder->open(stream_of(*slot.source));
                         continue;
                     }
@@ -151,10 +160,16 @@ TEST(PublicStress, ThreadsDecodersRequestsAndReopensNeverDeadlockOrMisanswer) {
                 const Source& src = *slot.source;
                 if (op < 6) {
                     dec->close();  // other threads' requests on it may now answer nothing
-                } else if (op < 10) {
+                } else if (op < 8) {
                     dec->reopen();
-                } else if (op < 13) {
+                } else if (op < 10) {
+                    dec->open(stream_of(src));  // open while open
+                } else if (op < 12) {
                     probe_new_path(src, serial++, tally);
+                } else if (op < 15) {
+                    // A graph that passes everything through, swapped in and out
+                    // while other threads' requests of the decoder run.
+                    dec->pri_setFilters(rng() % 2 ? (src.audio ? "anull" : "null") : nullptr);
                 } else if (op < 18) {
                     if (src.audio) {
                         RequireAudioFrame seek;
@@ -181,6 +196,8 @@ TEST(PublicStress, ThreadsDecodersRequestsAndReopensNeverDeadlockOrMisanswer) {
     EXPECT_GT(tally.spans.load(), 20);
     EXPECT_GT(tally.async_answers.load(), 0);
     EXPECT_GT(tally.probes.load(), 0);
-    std::printf("public stress, %d s: %d pictures, %d spans, %d async answers, %d probes\n", seconds,
-                tally.pictures.load(), tally.spans.load(), tally.async_answers.load(), tally.probes.load());
+    EXPECT_GT(tally.thrown.load(), 0);
+    std::printf("public stress, %d s: %d pictures, %d spans, %d async answers (%d callbacks threw), %d probes\n",
+                seconds, tally.pictures.load(), tally.spans.load(), tally.async_answers.load(), tally.thrown.load(),
+                tally.probes.load());
 }
