@@ -11,6 +11,7 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
+#include "guarded.h"
 #include "log.h"
 #include "utils/mempool.h"
 
@@ -418,6 +419,10 @@ PcmWriter::~PcmWriter() {
 }
 
 bool PcmWriter::write(std::shared_ptr<AFrameCtx> frame, int volume) {
+    return guarded("PcmWriterBase::write", false, [&] { return queue_and_mix(frame, volume); });
+}
+
+bool PcmWriter::queue_and_mix(const std::shared_ptr<AFrameCtx>& frame, int volume) {
     if (!frame || !mixer) return false;
     // The FIFO and the scratch block are laid out in the mixer's format: a
     // record of another shape would be read or written past its end.
@@ -432,8 +437,9 @@ bool PcmWriter::write(std::shared_ptr<AFrameCtx> frame, int volume) {
         fifo = av_audio_fifo_alloc(static_cast<AVSampleFormat>(frame->format), frame->channels, 1024);
         if (!fifo) return false;
     }
-    if (frame->nb_samples > 0)
-        av_audio_fifo_write(fifo, reinterpret_cast<void**>(frame->data), frame->nb_samples);
+    if (frame->nb_samples > 0 &&
+        av_audio_fifo_write(fifo, reinterpret_cast<void**>(frame->data), frame->nb_samples) < frame->nb_samples)
+        return false;  // out of memory: nothing of the record was queued
     return mixer->merge(fifo, volume);
 }
 
@@ -450,11 +456,17 @@ AudioMixer::AudioMixer(int sample_rate, int channels, SampleFormat format)
 
 AudioMixer::~AudioMixer() { delete d; }
 
-void AudioMixer::begin(const Range& range) { d->begin(range); }
+void AudioMixer::begin(const Range& range) {
+    guarded_void("AudioMixer::begin", [&] { d->begin(range); });
+}
 
-std::shared_ptr<PcmBuffer> AudioMixer::end() { return d->end(); }
+std::shared_ptr<PcmBuffer> AudioMixer::end() {
+    return guarded("AudioMixer::end", std::shared_ptr<PcmBuffer>(), [&] { return d->end(); });
+}
 
-std::shared_ptr<PcmWriterBase> AudioMixer::getBuffer(void* key) { return d->getBuffer(key); }
+std::shared_ptr<PcmWriterBase> AudioMixer::getBuffer(void* key) {
+    return guarded("AudioMixer::getBuffer", std::shared_ptr<PcmWriterBase>(), [&] { return d->getBuffer(key); });
+}
 
 const Range& AudioMixer::range() const { return d->get_range(); }
 

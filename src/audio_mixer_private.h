@@ -69,6 +69,7 @@ public:
     ~PcmWriter() override;
 
     bool write(std::shared_ptr<AFrameCtx> frame, int volume) override;
+    bool queue_and_mix(const std::shared_ptr<AFrameCtx>& frame, int volume);
     void reset();
 
     // Pending samples, for inspection; 0 without a FIFO.
