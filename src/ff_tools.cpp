@@ -6,6 +6,7 @@
 
 #include "audio_mixer.h"
 #include "ffdecoder.h"
+#include "guarded.h"
 #include "hw/hw_decoder.h"
 #include "log.h"
 #include "thumbnail_cache.h"
@@ -105,9 +106,7 @@ std::unique_ptr<FFDecoder> open_first_video(const MovieCtx* movie) {
     return chosen;
 }
 
-}  // namespace
-
-std::shared_ptr<VFrameCtx> getMovieImage(const char* path, const RequireMvImage& req, Rational* duration) {
+std::shared_ptr<VFrameCtx> movie_image(const char* path, const RequireMvImage& req, Rational* duration) {
     Rational unused;
     if (!duration) duration = &unused;
 
@@ -145,6 +144,12 @@ std::shared_ptr<VFrameCtx> getMovieImage(const char* path, const RequireMvImage&
     return picture;
 }
 
+}  // namespace
+
+std::shared_ptr<VFrameCtx> getMovieImage(const char* path, const RequireMvImage& req, Rational* duration) {
+    return guarded("getMovieImage", std::shared_ptr<VFrameCtx>(), [&] { return movie_image(path, req, duration); });
+}
+
 int getAudioPeak(std::shared_ptr<AFrameCtx> frame, int scale) {
     if (!frame) return 0;
     const SDL_AudioFormat format = get_sdl_audio_fmt(avsamplefmt_to_samplefmt(frame->format));
@@ -156,8 +161,12 @@ int getAudioPeak(std::shared_ptr<AFrameCtx> frame, int scale) {
 
 MovieCtx* getMovieInfo(const char* path, std::atomic<bool>* cancel) { return FFDecoder::probe(path, cancel); }
 
-bool hw_enable_device(const char* name) { return HWDecoder::instance()->enable_device(name); }
+bool hw_enable_device(const char* name) {
+    return guarded("hw_enable_device", false, [&] { return HWDecoder::instance()->enable_device(name); });
+}
 void hw_disable() { HWDecoder::instance()->disable(); }
-std::vector<const char*> hw_enum_devices() { return HWDecoder::instance()->enum_devices(); }
+std::vector<const char*> hw_enum_devices() {
+    return guarded("hw_enum_devices", std::vector<const char*>(), [] { return HWDecoder::instance()->enum_devices(); });
+}
 
 }  // namespace ff

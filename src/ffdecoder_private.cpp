@@ -131,10 +131,10 @@ std::shared_ptr<VFrameCtx> FFDecoderPrivate::convert_to_dst_frame(AVFrame* frame
     }
     const int size = av_image_get_buffer_size(dst_format, width, height, 32);
     if (size <= 0) return {};
+    // The record first: a block it owns cannot leak if making it throws.
+    auto picture = std::make_shared<VFrameCtx>();
     void* buffer = bg::mempool::malloc(static_cast<unsigned>(size), 16);
     if (!buffer) return {};
-
-    auto picture = std::make_shared<VFrameCtx>();
     picture->buffer = buffer;
     picture->size = size;
     picture->width = width;

@@ -47,11 +47,11 @@ std::shared_ptr<AFrameCtx> create_audioframe_ctx(const RequireAudioFrame& req, i
     const auto fmt = static_cast<AVSampleFormat>(samplefmt_to_avsamplefmt(req.format));
     const int size = av_samples_get_buffer_size(nullptr, req.channels, nb_samples, fmt, 1);
     if (size < 0) return {};
+    // The record first: a block it owns cannot leak if making it throws.
+    auto ctx = std::make_shared<AFrameCtx>();
     void* block = bg::mempool::malloc(static_cast<unsigned>(size), 16);
     if (!block) return {};
     std::memset(block, 0, static_cast<size_t>(size));
-
-    auto ctx = std::make_shared<AFrameCtx>();
     ctx->buffer = block;
     ctx->channels = req.channels;
     ctx->sample_rate = req.sample_rate;

@@ -9,6 +9,7 @@ extern "C" {
 }
 
 #include "ff_tools.h"
+#include "guarded.h"
 #include "utils/mempool.h"
 
 namespace ff {
@@ -92,7 +93,9 @@ Orientation orientation_of(const AVStream* st, double rotation) {
     return m && m[4] < 0 ? OR_VFLIP : OR_NORMAL;
 }
 
-std::shared_ptr<VFrameCtx> getUprightImage(const std::shared_ptr<VFrameCtx>& picture, Orientation how) {
+namespace {
+
+std::shared_ptr<VFrameCtx> upright_image(const std::shared_ptr<VFrameCtx>& picture, Orientation how) {
     if (!picture || how == OR_NORMAL) return picture;
     PlaneLayout layout;
     if (how < OR_NORMAL || how > OR_TRANSVERSE || !layout_of(picture->format, &layout) || picture->width <= 0 ||
@@ -103,10 +106,10 @@ std::shared_ptr<VFrameCtx> getUprightImage(const std::shared_ptr<VFrameCtx>& pic
     const int height = swaps_sides(how) ? picture->width : picture->height;
     const int size = av_image_get_buffer_size(format, width, height, 32);
     if (size <= 0) return {};
+    // The record first: a block it owns cannot leak if making it throws.
+    auto turned = std::make_shared<VFrameCtx>();
     void* buffer = bg::mempool::malloc(static_cast<unsigned>(size), 16);
     if (!buffer) return {};
-
-    auto turned = std::make_shared<VFrameCtx>();
     turned->buffer = buffer;
     turned->size = size;
     turned->width = width;
@@ -129,6 +132,12 @@ std::shared_ptr<VFrameCtx> getUprightImage(const std::shared_ptr<VFrameCtx>& pic
                    turned->linesize[p]);
     }
     return turned;
+}
+
+}  // namespace
+
+std::shared_ptr<VFrameCtx> getUprightImage(const std::shared_ptr<VFrameCtx>& picture, Orientation how) {
+    return guarded("getUprightImage", std::shared_ptr<VFrameCtx>(), [&] { return upright_image(picture, how); });
 }
 
 }  // namespace ff
