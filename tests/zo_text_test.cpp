@@ -92,8 +92,11 @@ TEST(ZoTextTest, Replace) {
         EXPECT_EQ(zo::str_replace_all_distinct(c[0], c[1], c[2]), c[4]) << c[0] << " / " << c[1];
     }
     EXPECT_EQ(zo::str_replace_all(nullptr, "a", "b"), "");
-    // A growing rewrite whose replacements create new matches is followed to its end.
+    // A growing rewrite whose replacements create new matches is followed to
+    // its end, however many steps it takes; a runaway one stops, bounded.
     EXPECT_EQ(zo::str_replace_all("aab", "ab", "bba"), "bbbbaa");
+    EXPECT_EQ(zo::str_replace_all("aaaaaaab", "ab", "bba"), std::string(128, 'b') + std::string(7, 'a'));
+    EXPECT_LE(zo::str_replace_all((std::string(40, 'a') + "b").c_str(), "ab", "bba").size(), size_t{64} << 20);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <iconv.h>
 #include <langinfo.h>
+#include <strings.h>
 
 #include <cerrno>
 #include <cstring>
@@ -122,6 +123,18 @@ const char* locale_codeset() {
     return (cs && *cs) ? cs : "ANSI_X3.4-1968";
 }
 
+bool is_ascii_codeset(const char* cs) {
+    return !std::strcmp(cs, "ANSI_X3.4-1968") || !strcasecmp(cs, "ASCII") || !strcasecmp(cs, "US-ASCII");
+}
+
+// The GBK side of GBKToUTF8 / UTF8ToGBK: the locale's character set when the
+// process set one, and GBK itself when the locale says only ASCII (a process
+// that never called setlocale), since the names promise GBK.
+const char* gbk_codeset() {
+    const char* cs = locale_codeset();
+    return is_ascii_codeset(cs) ? "GBK" : cs;
+}
+
 // Runs `in` through `cd`. On a sequence it cannot convert, writes `bad`
 // (`bad_len` bytes) to the output and skips `skip` input bytes, then goes on.
 // Returns false only when the conversion cannot make progress at all.
@@ -158,8 +171,8 @@ bool run_iconv(iconv_t cd, const char* in, size_t in_len, size_t skip, const cha
     }
 }
 
-std::wstring locale_to_wide(const char* s, size_t len) {
-    Iconv cd("WCHAR_T", locale_codeset());
+std::wstring locale_to_wide(const char* s, size_t len, const char* codeset) {
+    Iconv cd("WCHAR_T", codeset);
     if (cd.ok()) {
         std::string bytes;
         const wchar_t bad = kReplacementChar;
@@ -180,8 +193,8 @@ std::wstring locale_to_wide(const char* s, size_t len) {
     return out;
 }
 
-std::string wide_to_locale(const wchar_t* w, size_t len) {
-    Iconv cd(locale_codeset(), "WCHAR_T");
+std::string wide_to_locale(const wchar_t* w, size_t len, const char* codeset) {
+    Iconv cd(codeset, "WCHAR_T");
     if (cd.ok()) {
         std::string out;
         if (run_iconv(cd.get(), reinterpret_cast<const char*>(w), len * sizeof(wchar_t),
@@ -201,25 +214,25 @@ std::string wide_to_locale(const wchar_t* w, size_t len) {
 }  // namespace
 
 std::string GBKToUTF8(const std::string& s) {
-    const std::wstring w = locale_to_wide(s.data(), s.size());
+    const std::wstring w = locale_to_wide(s.data(), s.size(), gbk_codeset());
     return wide_to_utf8(w.data(), w.size());
 }
 
 std::string UTF8ToGBK(const std::string& s) {
     const std::wstring w = utf8_to_wide(s.data(), s.size());
-    return wide_to_locale(w.data(), w.size());
+    return wide_to_locale(w.data(), w.size(), gbk_codeset());
 }
 
 std::string Unicode2ACSII(const wchar_t* w, bool utf8) {
     if (!w || !*w) return std::string();
     const size_t len = std::wcslen(w);
-    return utf8 ? wide_to_utf8(w, len) : wide_to_locale(w, len);
+    return utf8 ? wide_to_utf8(w, len) : wide_to_locale(w, len, locale_codeset());
 }
 
 std::wstring ASCII2Unicode(const char* s, bool utf8) {
     if (!s || !*s) return std::wstring();
     const size_t len = std::strlen(s);
-    return utf8 ? utf8_to_wide(s, len) : locale_to_wide(s, len);
+    return utf8 ? utf8_to_wide(s, len) : locale_to_wide(s, len, locale_codeset());
 }
 
 }  // namespace zo

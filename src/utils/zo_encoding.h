@@ -22,10 +22,11 @@
 
 namespace zo {
 
-// Platform character set -> UTF-8.
+// Platform character set -> UTF-8. A locale that gives only ASCII (the
+// process never called setlocale) counts as GBK.
 CLIPDEC_API std::string GBKToUTF8(const std::string& s);
 
-// UTF-8 -> platform character set.
+// UTF-8 -> platform character set, GBK when the locale gives only ASCII.
 CLIPDEC_API std::string UTF8ToGBK(const std::string& s);
 
 // Wide string -> UTF-8 when `utf8` is true, else -> platform character set.

@@ -9,13 +9,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <limits>
 #include <memory>
 #include <new>
 
 namespace zo {
 
 namespace {
+
+// Bounds of str_replace_all's rewriting: bytes moved in all, and the result's size.
+constexpr size_t kMaxReplaceWork = size_t{1} << 28;
+constexpr size_t kMaxReplaceSize = size_t{64} << 20;
 
 bool is_trim_space(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r';
@@ -148,17 +151,16 @@ std::string str_replace_all(const char* src, const char* from, const char* to) {
     std::string out(src);
     const size_t from_len = std::strlen(from);
     const size_t to_len = std::strlen(to);
-
-    // A shrinking replacement always terminates; any other one gets a budget
-    // so that a pathological rewrite cannot spin or grow without end.
-    size_t budget = std::numeric_limits<size_t>::max();
-    if (to_len >= from_len) {
-        const size_t n = out.size() + 1;
-        budget = n > std::numeric_limits<size_t>::max() / n ? std::numeric_limits<size_t>::max()
-                                                            : n * n;
-    }
-    for (size_t pos; budget > 0 && (pos = out.find(from, 0, from_len)) != std::string::npos;
-         --budget) {
+    // Rewrites that create new matches can grow without end (each "ab" of
+    // a...ab -> bba doubles the b's), so the work is bounded, not the number
+    // of steps: past the budget the rewrite stops where it is.
+    size_t work = 0;
+    for (size_t pos = out.find(from, 0, from_len); pos != std::string::npos;
+         pos = out.find(from, pos >= from_len ? pos - from_len + 1 : 0, from_len)) {
+        // What lies before the replaced text held no match and did not change,
+        // so the next one starts at most from_len - 1 characters earlier.
+        work += out.size() - pos + to_len;
+        if (work > kMaxReplaceWork || out.size() - from_len + to_len > kMaxReplaceSize) break;
         out.replace(pos, from_len, to, to_len);
     }
     return out;
