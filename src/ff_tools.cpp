@@ -39,7 +39,13 @@ void* mem_malloc(int size, unsigned alignment) {
 
 void mem_free(void* p) { bg::mempool::free(p); }
 
-void mem_collection(unsigned ms) { bg::mempool::collection(ms); }
+void mem_collection(unsigned ms) {
+    guarded_void("mem_collection", [&] {
+        // Cached thumbnails hold pooled blocks: let go of the idle ones first.
+        ThumbnailCache::instance().release_older_than(ms);
+        bg::mempool::collection(ms);
+    });
+}
 
 void setExportMVSize(int width, int height) {
     g_export_width.store(width);

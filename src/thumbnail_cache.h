@@ -4,6 +4,7 @@
 // the same one.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <list>
 #include <memory>
@@ -38,12 +39,22 @@ public:
     std::shared_ptr<VFrameCtx> find(const ThumbnailKey& key);
     void insert(const ThumbnailKey& key, std::shared_ptr<VFrameCtx> picture);
     void clear();
+    // Lets go of the pictures not asked for in the last `ms` milliseconds
+    // (0: all), so that their pooled memory can be given back.
+    void release_older_than(unsigned ms);
+    size_t size();
 
 private:
+    using Clock = std::chrono::steady_clock;
+    struct Entry {
+        ThumbnailKey key;
+        std::shared_ptr<VFrameCtx> picture;
+        Clock::time_point used;
+    };
     void evict_over_bounds();
 
-    std::mutex mutex_;
-    std::list<std::pair<ThumbnailKey, std::shared_ptr<VFrameCtx>>> recent_;  // most recent first
+    std::mutex mutex_;         // guards recent_ and bytes_; taken alone
+    std::list<Entry> recent_;  // most recent first
     size_t bytes_ = 0;
 };
 

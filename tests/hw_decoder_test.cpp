@@ -119,7 +119,43 @@ TEST(HwDecoder, RefusedSurfaceFormatTurnsTheContextToSoftware) {
 
     // Frames of a context that fell back are passed through untouched.
     EXPECT_EQ(HWDecoder::instance()->hw_codec_receive_frame(ctx, make_frame().get()), AVERROR(EINVAL));
+    // Offered the surface format again (a new sequence), it is hardware again,
+    // so that its device frames are transferred.
+    EXPECT_EQ(get_hw_format(ctx, offered), AV_PIX_FMT_VAAPI);
+    EXPECT_EQ(record->state, 1);
 
     HWDecoder::instance()->hw_codec_free_context(&ctx);
     EXPECT_EQ(ctx, nullptr);
+}
+
+TEST(HwDecoder, TransferredFramesKeepEveryPropertyAndDevicesAreShared) {
+    // A software frame stands in for the device frame: the transfer's result
+    // takes its timing, aspect ratio and colour description.
+    UniqueAVFrame device = make_frame(), system = make_frame();
+    device->pts = 1200;
+    device->best_effort_timestamp = 1201;
+    device->sample_aspect_ratio = AVRational{4, 3};
+    device->color_primaries = AVCOL_PRI_BT2020;
+    device->color_trc = AVCOL_TRC_SMPTE2084;
+    device->colorspace = AVCOL_SPC_BT2020_NCL;
+    device->color_range = AVCOL_RANGE_JPEG;
+    system->format = AV_PIX_FMT_NV12;
+    system->width = 64;
+    system->height = 32;
+    ASSERT_EQ(av_frame_get_buffer(system.get(), 0), 0);
+    ASSERT_EQ(finish_transfer(device.get(), system.get()), 0);
+    EXPECT_TRUE(device->format == AV_PIX_FMT_NV12 && device->width == 64 && device->data[0]);
+    EXPECT_TRUE(device->pts == 1200 && device->best_effort_timestamp == 1201);
+    EXPECT_EQ(av_cmp_q(device->sample_aspect_ratio, AVRational{4, 3}), 0);
+    EXPECT_TRUE(device->color_primaries == AVCOL_PRI_BT2020 && device->color_trc == AVCOL_TRC_SMPTE2084 &&
+                device->colorspace == AVCOL_SPC_BT2020_NCL && device->color_range == AVCOL_RANGE_JPEG);
+
+    // The shared device is kept while its type stays the chosen one.
+    EXPECT_FALSE(device_has_type(nullptr, AV_HWDEVICE_TYPE_VAAPI));
+    AVBufferRef* ctx = av_hwdevice_ctx_alloc(AV_HWDEVICE_TYPE_VAAPI);
+    if (ctx) {
+        EXPECT_TRUE(device_has_type(ctx, AV_HWDEVICE_TYPE_VAAPI));
+        EXPECT_FALSE(device_has_type(ctx, AV_HWDEVICE_TYPE_VDPAU));
+        av_buffer_unref(&ctx);
+    }
 }

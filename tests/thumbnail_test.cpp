@@ -12,6 +12,7 @@
 #include "ff_tools.h"
 #include "ffdecoder.h"
 #include "media.h"
+#include "thumbnail_cache.h"
 #include "utils/mempool.h"
 
 using namespace ff;
@@ -176,6 +177,18 @@ TEST(Thumbnail, TheSameRequestAgainIsAnsweredWithoutDecoding) {
     req.time = Rational(0, 10);  // the oldest of the 40: let go
     ASSERT_NE(getMovieImage(video.c_str(), req, nullptr), nullptr);
     EXPECT_GT(decode_counters().frames_decoded, before);
+
+    // mem_collection lets go of the cached pictures first, so that the pool
+    // can give their blocks back; a picture the host holds stays valid.
+    const auto held = getMovieImage(video.c_str(), req, nullptr);
+    mem_collection(60000);  // all were just used: nothing goes
+    EXPECT_EQ(ThumbnailCache::instance().size(), ThumbnailCache::kMaxPictures);
+    const size_t handed_out = bg::mempool::stats().handed_out_bytes;
+    mem_collection(0);
+    EXPECT_EQ(ThumbnailCache::instance().size(), 0u);
+    EXPECT_EQ(bg::mempool::stats().free_bytes, 0u);
+    EXPECT_LE(bg::mempool::stats().handed_out_bytes + 28 * static_cast<size_t>(held->size), handed_out);
+    EXPECT_EQ(testmedia::picture_index(*held), testmedia::picture_index(*getMovieImage(video.c_str(), req, nullptr)));
 }
 
 

@@ -10,13 +10,6 @@
 namespace ff {
 namespace {
 
-// Frame properties that av_hwframe_transfer_data does not carry over.
-void copy_timing(AVFrame* to, const AVFrame* from) {
-    to->pts = from->pts;
-    to->pkt_dts = from->pkt_dts;
-    to->coded_picture_number = from->coded_picture_number;
-    to->best_effort_timestamp = from->best_effort_timestamp;
-}
 
 // The first configuration of `codec` that takes a device context of `type`.
 const AVCodecHWConfig* find_hw_config(AVCodecPtr codec, AVHWDeviceType type) {
@@ -117,16 +110,37 @@ AVCodecContext* HWDecoder::hw_codec_alloc_context3(AVCodecPtr codec) {
 
 int hw_decoder_init(AVCodecContext* ctx, HWDecoderPrivate* d) {
     std::lock_guard<std::mutex> lock(d->mutex);
-    // Each wired context holds a reference of its own; the private reference
-    // only follows the newest device, so the previous one is released here.
-    av_buffer_unref(&d->device_ctx);
-    const int err = av_hwdevice_ctx_create(&d->device_ctx, d->device_type.load(), nullptr, nullptr, 0);
-    if (err < 0) {
-        CLIPDEC_LOG(kLogError, kTagHw, "Failed to create specified HW device. ==> %s", d->device_name);
-        return err;
+    // One device per process, shared by every wired context (probe, tasks,
+    // rewinds): each holds a reference of its own. A device of another type
+    // than the one now chosen is let go (contexts keep theirs alive).
+    const AVHWDeviceType type = d->device_type.load();
+    if (!device_has_type(d->device_ctx, type)) {
+        av_buffer_unref(&d->device_ctx);
+        const int err = av_hwdevice_ctx_create(&d->device_ctx, type, nullptr, nullptr, 0);
+        if (err < 0) {
+            CLIPDEC_LOG(kLogError, kTagHw, "Failed to create specified HW device. ==> %s", d->device_name);
+            return err;
+        }
     }
     ctx->hw_device_ctx = av_buffer_ref(d->device_ctx);
-    return err;
+    return ctx->hw_device_ctx ? 0 : AVERROR(ENOMEM);
+}
+
+bool device_has_type(const AVBufferRef* device, AVHWDeviceType type) {
+    return device && device->data && reinterpret_cast<const AVHWDeviceContext*>(device->data)->type == type;
+}
+
+int finish_transfer(AVFrame* frame, AVFrame* system) {
+    // Everything but the pictures themselves (timing, aspect ratio, colour
+    // description, side data) stays as the decoder described the frame.
+    const int err = av_frame_copy_props(system, frame);
+    av_frame_unref(frame);
+    if (err < 0) {
+        av_frame_unref(system);
+        return err;
+    }
+    av_frame_move_ref(frame, system);
+    return 0;
 }
 
 HWCodecState* hw_codec_state(const AVCodecContext* ctx) {
@@ -138,7 +152,11 @@ AVPixelFormat get_hw_format(AVCodecContext* ctx, const AVPixelFormat* fmts) {
     if (!record) return fmts ? fmts[0] : AV_PIX_FMT_NONE;
     if (!fmts) return AV_PIX_FMT_NONE;
     for (const AVPixelFormat* p = fmts; *p != AV_PIX_FMT_NONE; ++p) {
-        if (*p == record->hw_pix_fmt) return *p;
+        if (*p == record->hw_pix_fmt) {
+            // Offered again after a refusal (a new sequence): hardware it is.
+            if (record->state == 0) record->state = 1;
+            return *p;
+        }
     }
     record->state = 0;
     CLIPDEC_LOG(kLogError, kTagHw, "Failed to get HW surface format. 当前硬解码不支持该像素格式");
@@ -152,7 +170,10 @@ int HWDecoder::hw_codec_receive_frame(AVCodecContext* ctx, AVFrame* frame) {
     // transferred like any other.
     HWCodecState* record = hw_codec_state(ctx);
     if (ret != 0 || !record || ctx->codec_type != AVMEDIA_TYPE_VIDEO) return ret;
-    if (record->state == 0 || frame->format != record->hw_pix_fmt) return 0;
+    // Whatever the record's state, a frame still on the device goes to system
+    // memory: a context that once fell back to software may be offered the
+    // hardware format again.
+    if (frame->format != record->hw_pix_fmt) return 0;
     if (record->state == 1) {
         record->state = 2;
         std::string device;
@@ -170,10 +191,7 @@ int HWDecoder::hw_codec_receive_frame(AVCodecContext* ctx, AVFrame* frame) {
         av_frame_unref(frame);
         return err;
     }
-    copy_timing(sw.get(), frame);
-    av_frame_unref(frame);
-    av_frame_move_ref(frame, sw.get());
-    return err;
+    return finish_transfer(frame, sw.get());
 }
 
 void HWDecoder::hw_codec_free_context(AVCodecContext** ctx) {

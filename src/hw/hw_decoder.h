@@ -26,14 +26,14 @@ namespace ff {
 
 struct HWDecoderPrivate {
     std::atomic<AVHWDeviceType> device_type{AV_HWDEVICE_TYPE_NONE};  // NONE: off
-    AVBufferRef* device_ctx = nullptr;  // device of the newest wired context (a reference)
+    AVBufferRef* device_ctx = nullptr;  // the device wired contexts share (a reference)
     char device_name[32] = {};
     std::mutex mutex;  // guards device_ctx and device_name
 };
 
 // Attached to a codec context wired for hardware, in its `opaque` pointer.
 struct HWCodecState {
-    int state;                // 1 set up, 2 hardware frames seen, 0 refused: software
+    int state;                // 1 set up, 2 hardware frames seen, 0 refused by the last get_format
     AVPixelFormat hw_pix_fmt; // surface format of the matching hardware configuration
     void* prev_opaque;        // the context's opaque value before this record
 };
@@ -63,8 +63,13 @@ private:
 // The get_format callback of wired contexts: the hardware surface format when
 // offered, otherwise the first (software) format, marking the context software.
 AVPixelFormat get_hw_format(AVCodecContext* ctx, const AVPixelFormat* fmts);
-// Creates a device context for the chosen type and attaches it to `ctx`.
+// Attaches the process's device of the chosen type to `ctx`, creating it on
+// first use or when the chosen type changed.
 int hw_decoder_init(AVCodecContext* ctx, HWDecoderPrivate* d);
+bool device_has_type(const AVBufferRef* device, AVHWDeviceType type);
+// Completes a transfer from the device: `system` (holding the pictures in
+// system memory) takes `frame`'s properties and then its place in `frame`.
+int finish_transfer(AVFrame* frame, AVFrame* system);
 // The hardware record of a context, or null when it was not wired. Only this
 // layer sets `opaque` on the contexts the library decodes with, all of which
 // it allocates, so a non-null value is always such a record.
