@@ -8,6 +8,8 @@
 #include <cstring>
 #include <vector>
 
+#include "../guarded.h"
+
 #include "zo_md5.h"
 #include "zo_text.h"
 
@@ -28,21 +30,23 @@ constexpr char kPathJunk[] = "\"\b\t\n\r ";
 }  // namespace
 
 std::string to_native_filepath(const std::string& path) {
-    std::string out;
-    out.reserve(path.size());
-    bool in_run = false;
-    for (const char c : path) {
-        const bool sep = c == '/' || c == '\\';
-        // One separator per run, so "a//b" and "a\\b" name the same file and
-        // give the same file_unique_id. A leading "\\" (UNC) collapses too.
-        if (sep) {
-            if (!in_run) out.push_back(kNativeSeparator);
-        } else {
-            out.push_back(c);
+    return ff::guarded("to_native_filepath", std::string(), [&]() -> std::string {
+        std::string out;
+        out.reserve(path.size());
+        bool in_run = false;
+        for (const char c : path) {
+            const bool sep = c == '/' || c == '\\';
+            // One separator per run, so "a//b" and "a\\b" name the same file and
+            // give the same file_unique_id. A leading "\\" (UNC) collapses too.
+            if (sep) {
+                if (!in_run) out.push_back(kNativeSeparator);
+            } else {
+                out.push_back(c);
+            }
+            in_run = sep;
         }
-        in_run = sep;
-    }
-    return out;
+        return out;
+    });
 }
 
 FILE* zo_fopen(const char* path, const char* mode) {
@@ -71,28 +75,32 @@ bool zo_file_stat(const char* path, struct stat& st) {
 }
 
 std::string file_unique_id(const char* path) {
-    if (!path) return std::string();
-    const std::string n = to_native_filepath(path);
+    return ff::guarded("file_unique_id", std::string(), [&]() -> std::string {
+        if (!path) return std::string();
+        const std::string n = to_native_filepath(path);
 
-    char text[512];
-    struct stat st;
-    if (zo_file_stat(n.c_str(), st)) {
-        std::snprintf(text, 511, "%s_%lld_%lld", n.c_str(), static_cast<long long>(st.st_size),
-                      static_cast<long long>(st.st_mtime));
-    } else {
-        std::snprintf(text, 511, "%s_%d_%d", n.c_str(), 0, 0);
-    }
+        char text[512];
+        struct stat st;
+        if (zo_file_stat(n.c_str(), st)) {
+            std::snprintf(text, 511, "%s_%lld_%lld", n.c_str(), static_cast<long long>(st.st_size),
+                          static_cast<long long>(st.st_mtime));
+        } else {
+            std::snprintf(text, 511, "%s_%d_%d", n.c_str(), 0, 0);
+        }
 
-    const char* hex = zo::MD5String(text);
-    std::string id = hex ? hex : "";
-    std::free(const_cast<char*>(hex));
-    return id;
+        const char* hex = zo::MD5String(text);
+        std::string id = hex ? hex : "";
+        std::free(const_cast<char*>(hex));
+        return id;
+    });
 }
 
 std::string tmp_dir() {
-    const char* env = std::getenv("TMPDIR");
-    if (env && *env) return to_native_filepath(env);
-    return "/tmp";
+    return ff::guarded("tmp_dir", std::string(), [&]() -> std::string {
+        const char* env = std::getenv("TMPDIR");
+        if (env && *env) return to_native_filepath(env);
+        return "/tmp";
+    });
 }
 
 int zo_rename(const char* from, const char* to) {

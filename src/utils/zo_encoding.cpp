@@ -8,6 +8,8 @@
 #include <cstring>
 #include <cwchar>
 
+#include "../guarded.h"
+
 namespace zo {
 
 namespace {
@@ -214,25 +216,33 @@ std::string wide_to_locale(const wchar_t* w, size_t len, const char* codeset) {
 }  // namespace
 
 std::string GBKToUTF8(const std::string& s) {
-    const std::wstring w = locale_to_wide(s.data(), s.size(), gbk_codeset());
-    return wide_to_utf8(w.data(), w.size());
+    return ff::guarded("GBKToUTF8", std::string(), [&]() -> std::string {
+        const std::wstring w = locale_to_wide(s.data(), s.size(), gbk_codeset());
+        return wide_to_utf8(w.data(), w.size());
+    });
 }
 
 std::string UTF8ToGBK(const std::string& s) {
-    const std::wstring w = utf8_to_wide(s.data(), s.size());
-    return wide_to_locale(w.data(), w.size(), gbk_codeset());
+    return ff::guarded("UTF8ToGBK", std::string(), [&]() -> std::string {
+        const std::wstring w = utf8_to_wide(s.data(), s.size());
+        return wide_to_locale(w.data(), w.size(), gbk_codeset());
+    });
 }
 
 std::string Unicode2ACSII(const wchar_t* w, bool utf8) {
-    if (!w || !*w) return std::string();
-    const size_t len = std::wcslen(w);
-    return utf8 ? wide_to_utf8(w, len) : wide_to_locale(w, len, locale_codeset());
+    return ff::guarded("Unicode2ACSII", std::string(), [&]() -> std::string {
+        if (!w || !*w) return std::string();
+        const size_t len = std::wcslen(w);
+        return utf8 ? wide_to_utf8(w, len) : wide_to_locale(w, len, locale_codeset());
+    });
 }
 
 std::wstring ASCII2Unicode(const char* s, bool utf8) {
-    if (!s || !*s) return std::wstring();
-    const size_t len = std::strlen(s);
-    return utf8 ? utf8_to_wide(s, len) : locale_to_wide(s, len, locale_codeset());
+    return ff::guarded("ASCII2Unicode", std::wstring(), [&]() -> std::wstring {
+        if (!s || !*s) return std::wstring();
+        const size_t len = std::strlen(s);
+        return utf8 ? utf8_to_wide(s, len) : locale_to_wide(s, len, locale_codeset());
+    });
 }
 
 }  // namespace zo

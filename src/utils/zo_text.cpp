@@ -12,6 +12,8 @@
 #include <memory>
 #include <new>
 
+#include "../guarded.h"
+
 namespace zo {
 
 namespace {
@@ -90,7 +92,7 @@ std::string str_format(const char* fmt, ...) {
         std::unique_ptr<char[]> buf(new (std::nothrow) char[static_cast<size_t>(needed) + 1]);
         if (buf) {
             std::vsnprintf(buf.get(), static_cast<size_t>(needed) + 1, fmt, args);
-            out.assign(buf.get(), static_cast<size_t>(needed));
+            ff::guarded_void("str_format", [&] { out.assign(buf.get(), static_cast<size_t>(needed)); });
         }
     }
     va_end(args);
@@ -127,58 +129,64 @@ char* str_to_upper(char* s) {
 }
 
 std::string rand_str(int n) {
-    static const char kAlphabet[] =
-        "1234567890abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
-    static std::atomic<unsigned int> counter{0};
+    return ff::guarded("rand_str", std::string(), [&]() -> std::string {
+        static const char kAlphabet[] =
+            "1234567890abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+        static std::atomic<unsigned int> counter{0};
 
-    if (n <= 0) return std::string();
-    // The counter keeps two calls in the same second from sharing a seed.
-    const unsigned int k = counter.fetch_add(1, std::memory_order_relaxed);
-    std::srand(static_cast<unsigned int>(std::time(nullptr)) + k);
+        if (n <= 0) return std::string();
+        // The counter keeps two calls in the same second from sharing a seed.
+        const unsigned int k = counter.fetch_add(1, std::memory_order_relaxed);
+        std::srand(static_cast<unsigned int>(std::time(nullptr)) + k);
 
-    std::string out(static_cast<size_t>(n), '0');
-    for (char& c : out) c = kAlphabet[std::rand() % 62];
-    return out;
+        std::string out(static_cast<size_t>(n), '0');
+        for (char& c : out) c = kAlphabet[std::rand() % 62];
+        return out;
+    });
 }
 
 std::string str_replace_all(const char* src, const char* from, const char* to) {
-    if (!src) return std::string();
-    if (!from || !*from) return std::string(src);
-    if (!to) to = "";
-    // Re-searching from the start would find the inserted text forever.
-    if (std::strstr(to, from)) return str_replace_all_distinct(src, from, to);
+    return ff::guarded("str_replace_all", std::string(), [&]() -> std::string {
+        if (!src) return std::string();
+        if (!from || !*from) return std::string(src);
+        if (!to) to = "";
+        // Re-searching from the start would find the inserted text forever.
+        if (std::strstr(to, from)) return str_replace_all_distinct(src, from, to);
 
-    std::string out(src);
-    const size_t from_len = std::strlen(from);
-    const size_t to_len = std::strlen(to);
-    // Rewrites that create new matches can grow without end (each "ab" of
-    // a...ab -> bba doubles the b's), so the work is bounded, not the number
-    // of steps: past the budget the rewrite stops where it is.
-    size_t work = 0;
-    for (size_t pos = out.find(from, 0, from_len); pos != std::string::npos;
-         pos = out.find(from, pos >= from_len ? pos - from_len + 1 : 0, from_len)) {
-        // What lies before the replaced text held no match and did not change,
-        // so the next one starts at most from_len - 1 characters earlier.
-        work += out.size() - pos + to_len;
-        if (work > kMaxReplaceWork || out.size() - from_len + to_len > kMaxReplaceSize) break;
-        out.replace(pos, from_len, to, to_len);
-    }
-    return out;
+        std::string out(src);
+        const size_t from_len = std::strlen(from);
+        const size_t to_len = std::strlen(to);
+        // Rewrites that create new matches can grow without end (each "ab" of
+        // a...ab -> bba doubles the b's), so the work is bounded, not the number
+        // of steps: past the budget the rewrite stops where it is.
+        size_t work = 0;
+        for (size_t pos = out.find(from, 0, from_len); pos != std::string::npos;
+             pos = out.find(from, pos >= from_len ? pos - from_len + 1 : 0, from_len)) {
+            // What lies before the replaced text held no match and did not change,
+            // so the next one starts at most from_len - 1 characters earlier.
+            work += out.size() - pos + to_len;
+            if (work > kMaxReplaceWork || out.size() - from_len + to_len > kMaxReplaceSize) break;
+            out.replace(pos, from_len, to, to_len);
+        }
+        return out;
+    });
 }
 
 std::string str_replace_all_distinct(const char* src, const char* from, const char* to) {
-    if (!src) return std::string();
-    if (!from || !*from) return std::string(src);
-    if (!to) to = "";
+    return ff::guarded("str_replace_all_distinct", std::string(), [&]() -> std::string {
+        if (!src) return std::string();
+        if (!from || !*from) return std::string(src);
+        if (!to) to = "";
 
-    std::string out(src);
-    const size_t from_len = std::strlen(from);
-    const size_t to_len = std::strlen(to);
-    for (size_t pos = 0; (pos = out.find(from, pos, from_len)) != std::string::npos;
-         pos += to_len) {
-        out.replace(pos, from_len, to, to_len);
-    }
-    return out;
+        std::string out(src);
+        const size_t from_len = std::strlen(from);
+        const size_t to_len = std::strlen(to);
+        for (size_t pos = 0; (pos = out.find(from, pos, from_len)) != std::string::npos;
+             pos += to_len) {
+            out.replace(pos, from_len, to, to_len);
+        }
+        return out;
+    });
 }
 
 }  // namespace zo
