@@ -6,8 +6,6 @@
 // hook, so every case is decided by order, not by timing.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -21,6 +19,7 @@
 #include "engine_support.h"
 #include "ffdec_task.h"
 #include "ffdecoder2.h"
+#include "process_stats.h"
 #include "scheduler.h"
 
 using namespace ff;
@@ -91,15 +90,6 @@ RequireVideoFrame at_ms(long long ms, std::atomic<bool>* cancel = nullptr) {
 
 int index_of(const std::shared_ptr<VFrameCtx>& p) { return p ? testmedia::picture_index(*p) : -1; }
 
-int thread_count() {
-    int n = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* e = readdir(dir)) n += e->d_name[0] != '.';
-        closedir(dir);
-    }
-    return n;
-}
-
 class Video : public testing::Test {
 protected:
     void SetUp() override {
@@ -153,7 +143,7 @@ TEST_F(Video, CloseCutsItsOwnRequestAndItsWaitingRequestsShort) {
 
 TEST_F(Video, OpenReopenAndCloseCyclesLeaveNoTaskOrThread) {
     const size_t workers_before = workers();
-    const int threads_before = thread_count();
+    const int threads_before = processstats::thread_count();
     FFDecoder kept;
     for (int cycle = 0; cycle < 30; ++cycle) {
         FFDecoder d;
@@ -173,7 +163,7 @@ TEST_F(Video, OpenReopenAndCloseCyclesLeaveNoTaskOrThread) {
         kept.close();
     }
     EXPECT_EQ(workers(), workers_before);
-    EXPECT_EQ(thread_count(), threads_before);
+    EXPECT_EQ(processstats::thread_count(), threads_before);
 }
 
 namespace {

@@ -7,14 +7,10 @@
 // the end, and after mem_collection(0).
 //
 //   clipdec_cycles [--cycles N] FILE...
-#include <dirent.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <future>
 #include <memory>
 #include <string>
@@ -23,25 +19,13 @@
 #include "ff_tools.h"
 #include "ffdecoder.h"
 #include "movie_info.h"
+#include "process_stats.h"
 #include "scheduler.h"
 
 namespace {
 
-double resident_mb() {
-    std::ifstream statm("/proc/self/statm");
-    long long pages_total = 0, pages_resident = 0;
-    statm >> pages_total >> pages_resident;
-    return static_cast<double>(pages_resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
-}
-
-int thread_count() {
-    int n = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* e = readdir(dir)) n += e->d_name[0] != '.';
-        closedir(dir);
-    }
-    return n;
-}
+using processstats::resident_mb;
+using processstats::thread_count;
 
 size_t worker_count(const std::vector<const ff::StreamCtx*>& streams) {
     size_t n = 0;

@@ -7,27 +7,22 @@
 //
 //   clipdec_soak [--seconds N] [--every S] FILE...
 #include <clipdec/clipdec.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "process_stats.h"
+
 namespace {
 
-double resident_mb() {
-    std::ifstream statm("/proc/self/statm");
-    long long pages_total = 0, pages_resident = 0;
-    statm >> pages_total >> pages_resident;
-    return static_cast<double>(pages_resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
-}
+using processstats::resident_mb;
 
 double mb(std::size_t bytes) { return static_cast<double>(bytes) / (1024.0 * 1024.0); }
 
