@@ -393,9 +393,18 @@ TEST(SchedulerRemoval, RemovesOnlyTheLeastRecentlyUsedIdleWorker) {
         p.sched.remove_worker(nullptr, true);
         EXPECT_EQ(p.t.gone_ids(), std::vector<int>{broken_id});
         {
-            std::lock_guard<std::mutex> inside(lru->mutex);
+            // Held by another thread, as a request inside the worker would.
+            Latch entered, leave;
+            std::thread inside([&] {
+                std::lock_guard<std::mutex> lock(lru->mutex);
+                entered.open();
+                leave.wait();
+            });
+            entered.wait();
             p.sched.remove_worker(nullptr, true);
             EXPECT_EQ(p.sched.worker_count(), 1u);
+            leave.open();
+            inside.join();
         }
         // The next request settles the deferred removal first: nothing is left.
         EXPECT_EQ(p.get(10, 1), nullptr);
