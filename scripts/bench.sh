@@ -5,7 +5,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
-scripts/setup.sh
+scripts/setup.sh python3-av  # the peer some benchmarks run beside the library
 scripts/build.sh build >/dev/null
 scripts/gen_bench_media.sh build/bench-media
 if [ "${1:-}" = tool ]; then

@@ -3,7 +3,9 @@
 #   bench_1080p.mp4         10 s of 1080p25 H.264 (B-frames, key frame every 2 s)
 #                           with a stereo AAC track;
 #   bench_1080p_gop250.mp4  20 s of 1080p25 H.264 with a key frame every 250
-#                           frames (10 s), where a far seek decodes for long.
+#                           frames (10 s), where a far seek decodes for long;
+#   bench_short_720p.mp4    2 s of 720p25 H.264 with AAC, a clip as imported
+#                           by the hundred.
 set -euo pipefail
 out=${1:?usage: gen_bench_media.sh OUT_DIR}
 mkdir -p "$out"
@@ -20,4 +22,10 @@ if [ ! -s "$out/bench_1080p_gop250.mp4" ]; then
     -c:v libx264 -preset veryfast -crf 23 -bf 2 -g 250 -keyint_min 250 -sc_threshold 0 -pix_fmt yuv420p \
     "${exact[@]}" "$out/bench_1080p_gop250.mp4.tmp.mp4"
   mv "$out/bench_1080p_gop250.mp4.tmp.mp4" "$out/bench_1080p_gop250.mp4"
+fi
+if [ ! -s "$out/bench_short_720p.mp4" ]; then
+  ff -f lavfi -i "testsrc2=s=1280x720:r=25:d=2" -f lavfi -i "sine=frequency=440:sample_rate=48000:duration=2" \
+    -c:v libx264 -preset veryfast -crf 23 -bf 2 -g 50 -pix_fmt yuv420p \
+    -c:a aac -b:a 128k -ac 2 "${exact[@]}" "$out/bench_short_720p.mp4.tmp.mp4"
+  mv "$out/bench_short_720p.mp4.tmp.mp4" "$out/bench_short_720p.mp4"
 fi
