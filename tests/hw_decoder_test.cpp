@@ -29,6 +29,31 @@ std::vector<std::string> decode_digests(const std::string& file) {
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
+// A raw-video context carrying a hardware record that get_format refused
+// (state 0): its frames are plain 16x16 GRAY8, which `surface` may name as the
+// record's device format to stand in for a frame left on the device.
+AVCodecContext* open_refused_raw_context(AVPixelFormat surface) {
+    AVCodecContext* ctx = avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_RAWVIDEO));
+    if (!ctx) return nullptr;
+    ctx->width = ctx->height = 16;
+    ctx->pix_fmt = AV_PIX_FMT_GRAY8;
+    auto* record = static_cast<HWCodecState*>(std::malloc(sizeof(HWCodecState)));
+    if (record) *record = HWCodecState{0, surface, nullptr};
+    ctx->opaque = record;
+    if (!record || avcodec_open2(ctx, nullptr, nullptr) < 0) HWDecoder::instance()->hw_codec_free_context(&ctx);
+    return ctx;
+}
+
+// Decodes one picture of value 7 at pts 5 through the hardware layer.
+int receive_raw_picture(AVCodecContext* ctx, AVFrame* frame) {
+    UniqueAVPacket pkt = make_packet();
+    if (av_new_packet(pkt.get(), 16 * 16) < 0) return AVERROR(ENOMEM);
+    std::memset(pkt->data, 7, 16 * 16);
+    pkt->pts = 5;
+    const int err = avcodec_send_packet(ctx, pkt.get());
+    return err < 0 ? err : HWDecoder::instance()->hw_codec_receive_frame(ctx, frame);
+}
+
 }  // namespace
 
 TEST(HwDecoder, ListsChoosesAndRefusesDeviceTypes) {
@@ -117,8 +142,25 @@ TEST(HwDecoder, RefusedSurfaceFormatTurnsTheContextToSoftware) {
     EXPECT_EQ(record->state, 0);
     EXPECT_EQ(log.take(), "\"Failed to get HW surface format. 当前硬解码不支持该像素格式\"\n");
 
-    // Frames of a context that fell back are passed through untouched.
-    EXPECT_EQ(HWDecoder::instance()->hw_codec_receive_frame(ctx, make_frame().get()), AVERROR(EINVAL));
+    // Software frames of a context that fell back are passed through untouched;
+    // a frame in its surface format still goes to the transfer, which fails
+    // here without a pool to read it back from rather than passing it up.
+    for (AVPixelFormat surface : {AV_PIX_FMT_VAAPI, AV_PIX_FMT_GRAY8}) {
+        AVCodecContext* raw = open_refused_raw_context(surface);
+        ASSERT_NE(raw, nullptr);
+        UniqueAVFrame frame = make_frame();
+        const int ret = receive_raw_picture(raw, frame.get());
+        if (surface == AV_PIX_FMT_VAAPI) {
+            ASSERT_EQ(ret, 0);
+            EXPECT_TRUE(frame->format == AV_PIX_FMT_GRAY8 && frame->width == 16 && frame->pts == 5);
+            EXPECT_EQ(frame->data[0][0], 7);
+        } else {
+            EXPECT_EQ(ret, AVERROR(EINVAL));
+            EXPECT_EQ(frame->buf[0], nullptr);
+            EXPECT_EQ(log.take(), "\"[hwdec] error transferring the data to system memory\"\n");
+        }
+        HWDecoder::instance()->hw_codec_free_context(&raw);
+    }
     // Offered the surface format again (a new sequence), it is hardware again,
     // so that its device frames are transferred.
     EXPECT_EQ(get_hw_format(ctx, offered), AV_PIX_FMT_VAAPI);

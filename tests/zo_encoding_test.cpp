@@ -37,9 +37,16 @@ TEST(ZoEncodingTest, NarrowSideFollowsLocale) {
     const std::string saved = std::setlocale(LC_CTYPE, nullptr);
     ASSERT_NE(std::setlocale(LC_CTYPE, "C"), nullptr);
     // A locale of plain ASCII (setlocale never called): the GBK functions
-    // convert GBK, and what GBK lacks (ß, the clapper board) becomes '?'.
+    // convert GBK both ways, and what GBK lacks (ß, the clapper board) becomes '?'.
+    const std::pair<const char*, const char*> gbk[] = {
+        {"\xe4\xb8\xad\xe6\x96\x87", "\xd6\xd0\xce\xc4"},  // 中文
+        {"a\xc3\xbc", "a\xa8\xb9"},                        // aü
+    };
+    for (const auto& [utf8, narrow] : gbk) {
+        EXPECT_EQ(zo::UTF8ToGBK(utf8), narrow) << utf8;
+        EXPECT_EQ(zo::GBKToUTF8(narrow), utf8) << utf8;
+    }
     EXPECT_EQ(zo::UTF8ToGBK(kUtf8), "Gr\xa8\xb9?e \xc8\xd5\xb1\xbe ?");
-    EXPECT_EQ(zo::GBKToUTF8("\xd6\xd0\xce\xc4"), "\xe4\xb8\xad\xe6\x96\x87");
     EXPECT_EQ(zo::GBKToUTF8("a\xe9"), "a\xef\xbf\xbd");  // a lead byte cut off by the end
     EXPECT_EQ(zo::ASCII2Unicode("a\xe9", false), L"a\xFFFD");
     if (std::setlocale(LC_CTYPE, "C.UTF-8") || std::setlocale(LC_CTYPE, "C.utf8")) {

@@ -10,7 +10,6 @@
 namespace ff {
 namespace {
 
-
 // The first configuration of `codec` that takes a device context of `type`.
 const AVCodecHWConfig* find_hw_config(AVCodecPtr codec, AVHWDeviceType type) {
     for (int i = 0;; ++i) {
@@ -18,6 +17,29 @@ const AVCodecHWConfig* find_hw_config(AVCodecPtr codec, AVHWDeviceType type) {
         if (!cfg) return nullptr;
         if ((cfg->methods & AV_CODEC_HW_CONFIG_METHOD_HW_DEVICE_CTX) && cfg->device_type == type) return cfg;
     }
+}
+
+// A frame still on the device: in the surface format of the context's
+// configuration, or carrying a pool of device frames (the decoder's own
+// choice of surface).
+bool on_device(const AVFrame* frame, const HWCodecState& record) {
+    return frame->hw_frames_ctx || frame->format == record.hw_pix_fmt;
+}
+
+// Replaces a device frame by its copy in system memory. A frame in the
+// surface format without its pool cannot be read back (FFmpeg would follow
+// the missing pool), so it is an error rather than a transfer.
+int transfer_to_system(AVFrame* frame) {
+    UniqueAVFrame sw = make_frame();
+    const int err = !frame->hw_frames_ctx ? AVERROR(EINVAL)
+                    : sw                  ? av_hwframe_transfer_data(sw.get(), frame, 0)
+                                          : AVERROR(ENOMEM);
+    if (err < 0) {
+        CLIPDEC_LOG(kLogError, kTagHw, "[hwdec] error transferring the data to system memory");
+        av_frame_unref(frame);
+        return err;
+    }
+    return finish_transfer(frame, sw.get());
 }
 
 }  // namespace
@@ -173,7 +195,7 @@ int HWDecoder::hw_codec_receive_frame(AVCodecContext* ctx, AVFrame* frame) {
     // Whatever the record's state, a frame still on the device goes to system
     // memory: a context that once fell back to software may be offered the
     // hardware format again.
-    if (frame->format != record->hw_pix_fmt) return 0;
+    if (!on_device(frame, *record)) return 0;
     if (record->state == 1) {
         record->state = 2;
         std::string device;
@@ -184,14 +206,7 @@ int HWDecoder::hw_codec_receive_frame(AVCodecContext* ctx, AVFrame* frame) {
         CLIPDEC_LOG(kLogError, kTagHw, "[hwdec] device '%s' is OK for '%s'", device.c_str(),
                     avcodec_get_name(ctx->codec_id));
     }
-    UniqueAVFrame sw = make_frame();
-    const int err = sw ? av_hwframe_transfer_data(sw.get(), frame, 0) : AVERROR(ENOMEM);
-    if (err < 0) {
-        CLIPDEC_LOG(kLogError, kTagHw, "[hwdec] error transferring the data to system memory");
-        av_frame_unref(frame);
-        return err;
-    }
-    return finish_transfer(frame, sw.get());
+    return transfer_to_system(frame);
 }
 
 void HWDecoder::hw_codec_free_context(AVCodecContext** ctx) {

@@ -129,12 +129,22 @@ bool is_ascii_codeset(const char* cs) {
     return !std::strcmp(cs, "ANSI_X3.4-1968") || !strcasecmp(cs, "ASCII") || !strcasecmp(cs, "US-ASCII");
 }
 
+// GBK, or GB18030 (which encodes every GBK character with the same bytes)
+// where the system's iconv has no GBK. Asked once: the answer cannot change.
+const char* gbk_name() {
+    static const char* const name = [] {
+        const Iconv probe("WCHAR_T", "GBK");
+        return probe.ok() ? "GBK" : "GB18030";
+    }();
+    return name;
+}
+
 // The GBK side of GBKToUTF8 / UTF8ToGBK: the locale's character set when the
 // process set one, and GBK itself when the locale says only ASCII (a process
 // that never called setlocale), since the names promise GBK.
 const char* gbk_codeset() {
     const char* cs = locale_codeset();
-    return is_ascii_codeset(cs) ? "GBK" : cs;
+    return is_ascii_codeset(cs) ? gbk_name() : cs;
 }
 
 // Runs `in` through `cd`. On a sequence it cannot convert, writes `bad`
