@@ -9,6 +9,8 @@
 //                         run as a child process, its own timings per trial
 //   BM_Import/0, /1     200 distinct short files from 2 threads (plain, clipdec):
 //                         probe and first picture of each; items per second
+//   BM_FirstPictureSteps/0, /1  where the time goes (plain, clipdec), as
+//                         counters of milliseconds per step
 //
 // Reports only; the targets are read off the figures in docs/BENCHMARKS.md.
 #include <benchmark/benchmark.h>
@@ -16,6 +18,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -127,8 +130,92 @@ void BM_Import(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * kFiles);
 }
 
+// Milliseconds since the last call.
+class StepClock {
+public:
+    double lap() {
+        const auto now = std::chrono::steady_clock::now();
+        const double ms = std::chrono::duration<double, std::milli>(now - last_).count();
+        last_ = now;
+        return ms;
+    }
+
+private:
+    std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
+};
+
+void plain_steps(const std::string& path, AVFrame* frame, double* ms) {
+    StepClock clock;
+    AVFormatContext* fmt = nullptr;
+    if (avformat_open_input(&fmt, path.c_str(), nullptr, nullptr) < 0) return;
+    ms[0] += clock.lap();
+    avformat_find_stream_info(fmt, nullptr);
+    ms[1] += clock.lap();
+    const int index = av_find_best_stream(fmt, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    const AVCodec* codec = index >= 0 ? avcodec_find_decoder(fmt->streams[index]->codecpar->codec_id) : nullptr;
+    AVCodecContext* ctx = codec ? avcodec_alloc_context3(codec) : nullptr;
+    AVDictionary* opts = nullptr;
+    av_dict_set(&opts, "threads", "auto", 0);
+    const bool opened = ctx && avcodec_parameters_to_context(ctx, fmt->streams[index]->codecpar) >= 0 &&
+                        avcodec_open2(ctx, codec, &opts) >= 0;
+    av_dict_free(&opts);
+    ms[2] += clock.lap();
+    AVPacket* pkt = av_packet_alloc();
+    while (opened && pkt && avcodec_receive_frame(ctx, frame) == AVERROR(EAGAIN) && av_read_frame(fmt, pkt) >= 0) {
+        if (pkt->stream_index == index) avcodec_send_packet(ctx, pkt);
+        av_packet_unref(pkt);
+    }
+    ms[3] += clock.lap();
+    av_packet_free(&pkt);
+    avcodec_free_context(&ctx);
+    avformat_close_input(&fmt);
+}
+
+void clipdec_steps(const std::string& path, double* ms) {
+    StepClock clock;
+    ff::MovieCtx* movie = ff::FFDecoder::probe(path.c_str(), nullptr);
+    ms[0] += clock.lap();
+    if (!movie || movie->nb_video < 1) return;
+    ff::FFDecoder decoder;
+    decoder.open(movie->streams[movie->video_indexes[0]]);
+    ms[1] += clock.lap();
+    ff::RequireVideoFrame req;
+    req.time = ff::Rational(0, 1);
+    req.format = ff::PF_RGBA;
+    benchmark::DoNotOptimize(decoder.getVideoFrame(req));
+    ms[2] += clock.lap();
+}
+
+void BM_FirstPictureSteps(benchmark::State& state) {
+    const std::string file = bench_media("bench_1080p.mp4");
+    if (access(file.c_str(), R_OK) != 0) return state.SkipWithError("bench media missing: run scripts/bench.sh");
+    const bool plain = state.range(0) == 0;
+    double ms[4] = {};
+    AVFrame* frame = av_frame_alloc();
+    for (auto _ : state) {
+        state.PauseTiming();
+        const std::string link = fresh_link(file);
+        state.ResumeTiming();
+        if (plain) {
+            plain_steps(link, frame, ms);
+        } else {
+            clipdec_steps(link, ms);
+        }
+        state.PauseTiming();
+        av_frame_unref(frame);
+        unlink(link.c_str());
+        state.ResumeTiming();
+    }
+    av_frame_free(&frame);
+    const double n = static_cast<double>(state.iterations());
+    const char* const plain_names[] = {"open_ms", "stream_info_ms", "decoder_ms", "first_frame_ms"};
+    const char* const clipdec_names[] = {"probe_ms", "open_ms", "picture_ms"};
+    for (int i = 0; i < (plain ? 4 : 3); ++i) state.counters[plain ? plain_names[i] : clipdec_names[i]] = ms[i] / n;
+}
+
 }  // namespace
 
+BENCHMARK(BM_FirstPictureSteps)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(15);
 BENCHMARK(BM_FirstPicture)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->Iterations(15);
 BENCHMARK(BM_FirstPicture_PyAV)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(15);
 BENCHMARK(BM_Import)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);

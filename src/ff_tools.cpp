@@ -9,6 +9,7 @@
 #include "guarded.h"
 #include "hw/hw_decoder.h"
 #include "log.h"
+#include "parked_instances.h"
 #include "thumbnail_cache.h"
 #include "utils/mempool.h"
 
@@ -41,8 +42,10 @@ void mem_free(void* p) { bg::mempool::free(p); }
 
 void mem_collection(unsigned ms) {
     guarded_void("mem_collection", [&] {
-        // Cached thumbnails hold pooled blocks: let go of the idle ones first.
+        // Cached thumbnails hold pooled blocks, and parked probe instances
+        // decoder memory: let go of the idle ones first.
         ThumbnailCache::instance().release_older_than(ms);
+        ParkedInstances::instance().release_older_than(ms);
         bg::mempool::collection(ms);
     });
 }

@@ -19,7 +19,9 @@ namespace ff {
 CLIPDEC_API void* mem_malloc(int size, unsigned alignment);
 CLIPDEC_API void mem_free(void* p);
 // Gives back to the system the free buffers idle for more than `ms`
-// milliseconds (0: all of them). The library never does this on its own.
+// milliseconds (0: all of them), after letting go of the cached thumbnails
+// and the probe's parked decoders idle as long. The library never does this
+// on its own.
 CLIPDEC_API void mem_collection(unsigned ms);
 
 // The export picture size; its pixel count (a 32-bit product) is what

@@ -53,6 +53,17 @@ bool Instance::open(const char* path, int stream_index) {
         CLIPDEC_LOG(kLogError, kTagDefault, "failed to find stream info: %s", ffmpeg_error(err));
         return false;
     }
+    return open_decoder(stream_index);
+}
+
+bool Instance::open(UniqueAVFormatInput container, int stream_index) {
+    close();
+    fmt_ctx = container.release();
+    return fmt_ctx && open_decoder(stream_index);
+}
+
+bool Instance::open_decoder(int stream_index) {
+    const char* path = fmt_ctx->url ? fmt_ctx->url : "(null)";
     // The index comes from the caller; one outside the container's list must
     // not reach into it.
     if (stream_index < 0 || static_cast<unsigned>(stream_index) >= fmt_ctx->nb_streams) {
@@ -81,7 +92,7 @@ bool Instance::open(const char* path, int stream_index) {
     if (av_dict_set(&opts, "threads", "auto", 0) < 0) {
         CLIPDEC_LOG(kLogError, kTagDefault, "failed to set codec options");
     }
-    err = avcodec_open2(codec_ctx, decoder, &opts);
+    const int err = avcodec_open2(codec_ctx, decoder, &opts);
     if (err < 0) {
         CLIPDEC_LOG(kLogError, kTagDefault, "failed to open codec: %d, err=%d, %s",
                     static_cast<int>(stream->codecpar->codec_id), err, ffmpeg_error(err));

@@ -10,6 +10,8 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include "ff_ptr.h"
+
 namespace ff {
 
 class Instance {
@@ -22,6 +24,9 @@ public:
     // Opens `path` and the decoder of the container's stream `stream_index`.
     // On failure the parts already opened stay until close() or destruction.
     bool open(const char* path, int stream_index);
+    // The same on a container already opened, with its stream information
+    // read (the probe's), which the instance takes over.
+    bool open(UniqueAVFormatInput container, int stream_index);
     bool is_open() const { return fmt_ctx != nullptr; }
     // Frees the options, the decoder and the input; `stream` is left as it was.
     void close();
@@ -45,6 +50,7 @@ public:
     AVCodecContext* codec_context() const { return codec_ctx; }
 
 private:
+    bool open_decoder(int stream_index);
     int read_own_packet(AVPacket* pkt);
 
     AVFormatContext* fmt_ctx = nullptr;  // owned; non-null means open

@@ -2,6 +2,9 @@
 
 #include <cmath>
 #include <cstring>
+#include <memory>
+#include <utility>
+#include <vector>
 
 extern "C" {
 #include <libavutil/avstring.h>
@@ -13,7 +16,9 @@ extern "C" {
 #include "ff_compat.h"
 #include "ff_ptr.h"
 #include "ffdec_instance.h"
+#include "frame_helpers.h"
 #include "log.h"
+#include "parked_instances.h"
 #include "picture_orientation.h"
 #include "rational_convert.h"
 
@@ -158,42 +163,62 @@ double get_rotation(AVStream* st) {
     return theta - 360 * std::floor(theta / 360 + 0.9 / 360);
 }
 
-StreamCtx* probe_video_stream(MovieCtx* mv, AVStream* st, long long movie_duration, bool unreliable,
-                              std::atomic<bool>* cancel) {
+namespace {
+
+// The first video stream of a probe decodes on the probe's own container
+// (`container`, taken over when given), the others on instances of their
+// own; each that decoded its first two frames and stopped there leaves
+// instance and frames in `start` for the stream's first decoder. An instance
+// that took the container is left in `start` in any case (without frames).
+StreamCtx* describe_video_stream(MovieCtx* mv, AVStream* st, long long movie_duration, bool unreliable,
+                                 std::atomic<bool>* cancel, UniqueAVFormatInput* container, ParkedStart* start) {
     StreamCtx* s = new_record(mv, st, STREAM_VIDEO);
     AVRational sar = st->codecpar->sample_aspect_ratio;
     AVRational frame_rate{0, 0};
     UniqueAVPacket pkt = make_packet();
-    UniqueAVFrame frame = make_frame();
-    Instance inst;
+    std::shared_ptr<AVFrame> first = create_avframe_ptr(av_frame_alloc());
+    std::shared_ptr<AVFrame> second = create_avframe_ptr(av_frame_alloc());
+    auto inst = std::make_unique<Instance>();
     describe_colors(s, st->codecpar);
     // Without an opened decoder the record is built from the container's data alone.
-    if (pkt && frame && inst.open(mv->path, st->index)) {
-        sar = inst.codec_context()->sample_aspect_ratio;
-        if (inst.get_frame(pkt.get(), frame.get()) >= 0) {
-            sar = av_guess_sample_aspect_ratio(inst.format_contex(), inst.avstream(), frame.get());
-            frame_rate = av_guess_frame_rate(inst.format_contex(), inst.avstream(), frame.get());
-            describe_colors(s, frame.get());
+    const bool on_container = container && *container;
+    const bool opened = pkt && first && second &&
+                        (on_container ? inst->open(std::move(*container), st->index)
+                                      : inst->open(mv->path, st->index));
+    bool parkable = false;
+    if (opened) {
+        sar = inst->codec_context()->sample_aspect_ratio;
+        if (inst->get_frame(pkt.get(), first.get()) >= 0) {
+            sar = av_guess_sample_aspect_ratio(inst->format_contex(), inst->avstream(), first.get());
+            frame_rate = av_guess_frame_rate(inst->format_contex(), inst->avstream(), first.get());
+            describe_colors(s, first.get());
             s->codec_pix_fmt = st->codecpar->format;
-            if (frame->format != s->codec_pix_fmt) {
-                s->frame_pix_fmt = frame->format;
+            if (first->format != s->codec_pix_fmt) {
+                s->frame_pix_fmt = first->format;
                 CLIPDEC_LOG(kLogError, kTagDefault, "[hw enabled] pix_fmt convert: %d --> %d",
-                            s->codec_pix_fmt, frame->format);
+                            s->codec_pix_fmt, first->format);
             }
             // A second frame tells a still picture from a moving stream. (It is
             // only tried after a first one: a stream that decodes nothing at all
             // is broken, not still.)
-            const int second = inst.get_frame(pkt.get(), frame.get());
-            s->still_image = second == AVERROR_EOF;
-            if (second >= 0 && !set_or_measure_known(st, movie_duration, unreliable)) {
+            const int decoded = inst->get_frame(pkt.get(), second.get());
+            s->still_image = decoded == AVERROR_EOF;
+            if (decoded >= 0 && !set_or_measure_known(st, movie_duration, unreliable)) {
                 long long n = 0;
-                const int64_t last = last_frame_timestamp(inst, pkt.get(), frame.get(), true, cancel, &n);
+                const int64_t last = last_frame_timestamp(*inst, pkt.get(), second.get(), true, cancel, &n);
                 st->duration = last != AV_NOPTS_VALUE
                                    ? last
                                    : av_rescale_q(n, AVRational{frame_rate.den, frame_rate.num}, st->time_base);
+            } else {
+                parkable = decoded >= 0;
             }
         }
-        inst.close();
+    }
+    // An instance holding the probe's container must outlive the probe's
+    // loop over that container's streams, parked or not.
+    if (start && (parkable || on_container)) {
+        start->instance = std::move(inst);
+        if (parkable) start->frames = {first, second};
     }
     s->duration = st->duration;
     s->width = st->codecpar->width;
@@ -204,6 +229,13 @@ StreamCtx* probe_video_stream(MovieCtx* mv, AVStream* st, long long movie_durati
     s->sample_aspect_ratio = rational_convert(sar);
     s->frame_rate = rational_convert(frame_rate);
     return append(mv, s);
+}
+
+}  // namespace
+
+StreamCtx* probe_video_stream(MovieCtx* mv, AVStream* st, long long movie_duration, bool unreliable,
+                              std::atomic<bool>* cancel) {
+    return describe_video_stream(mv, st, movie_duration, unreliable, cancel, nullptr, nullptr);
 }
 
 StreamCtx* probe_audio_stream(MovieCtx* mv, AVStream* st, long long movie_duration, bool unreliable,
@@ -276,8 +308,13 @@ MovieCtx* probe_movie(const char* path, std::atomic<bool>* cancel) {
     const bool unreliable = fmt->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE;
 
     bool last_still = false;
-    for (unsigned i = 0; i < fmt->nb_streams; ++i) {
-        AVStream* st = fmt->streams[i];
+    // The first video stream's instance takes the container over; it is read
+    // through `container` until the loop ends, and the instances are parked
+    // only then, so that nothing can release them while it is read.
+    AVFormatContext* const container = fmt.get();
+    std::vector<std::pair<const StreamCtx*, ParkedStart>> starts;
+    for (unsigned i = 0; i < container->nb_streams; ++i) {
+        AVStream* st = container->streams[i];
         const AVMediaType type = st->codecpar->codec_type;
         if (!avcodec_find_decoder(st->codecpar->codec_id)) continue;
         if (type != AVMEDIA_TYPE_VIDEO && type != AVMEDIA_TYPE_AUDIO && type != AVMEDIA_TYPE_SUBTITLE) continue;
@@ -285,8 +322,10 @@ MovieCtx* probe_movie(const char* path, std::atomic<bool>* cancel) {
         if (mv->nb_streams >= kMaxMovieStreams) break;
         StreamCtx* record = nullptr;
         if (type == AVMEDIA_TYPE_VIDEO) {
-            record = probe_video_stream(mv, st, mv->duration, unreliable, cancel);
+            ParkedStart start;
+            record = describe_video_stream(mv, st, mv->duration, unreliable, cancel, &fmt, &start);
             last_still = record->still_image;
+            if (start.instance) starts.emplace_back(record, std::move(start));
         } else if (type == AVMEDIA_TYPE_AUDIO) {
             record = probe_audio_stream(mv, st, mv->duration, unreliable, cancel);
         } else {
@@ -296,6 +335,8 @@ MovieCtx* probe_movie(const char* path, std::atomic<bool>* cancel) {
     }
     fix_duration(mv, unreliable, last_still);
     fmt.reset();
+    for (auto& [stream, start] : starts)
+        if (!start.frames.empty()) ParkedInstances::instance().park(stream, std::move(start));
 
     std::lock_guard<std::mutex> lock(g_mvctx_mtx);
     MovieCtx*& slot = g_mvctx_map[path];

@@ -11,6 +11,7 @@
 #include "log.h"
 #include "movie_info.h"
 #include "no_bridge.h"
+#include "parked_instances.h"
 #include "rational_convert.h"
 
 namespace ff {
@@ -76,18 +77,36 @@ bool FFDec_Task::open(const StreamCtx* sc) {
     ts_per_sec = num > 0 ? static_cast<long long>(static_cast<double>(den) / num) : 1;
     if (ts_per_sec < 1) ts_per_sec = 1;
 
-    auto* inst = new Instance();
-    if (!sc->movie || !inst->open(sc->movie->path, sc->index)) {
-        delete inst;
-        return false;
+    if (!adopt_probe_start()) {
+        auto* inst = new Instance();
+        if (!sc->movie || !inst->open(sc->movie->path, sc->index)) {
+            delete inst;
+            return false;
+        }
+        instance = inst;
     }
-    instance = inst;
     const bool video = sc->type == STREAM_VIDEO;
     const int fallback = video ? kDefaultVideoCache : kDefaultAudioCache;
     const int limit = NoBridge::instance()->get_int_setting(video ? "dec.max_vf" : "dec.max_af", fallback);
     // A limit of 0 still keeps one frame besides the newest: the frame on
     // screen at t is only known once the next one has been decoded.
     max_frames = static_cast<unsigned>(limit >= 1 ? limit : limit == 0 ? 1 : fallback);
+    return true;
+}
+
+bool FFDec_Task::adopt_probe_start() {
+    ParkedStart start;
+    if (!ParkedInstances::instance().adopt(stream, &start)) return false;
+    instance = start.instance.release();
+    // The probe decoded these from the very start, in order: the cache begins
+    // at the stream's first frame and the instance goes on after the last.
+    decoded_since_start = 0;
+    for (const std::shared_ptr<AVFrame>& frame : start.frames) {
+        stamp_frame(frame.get());
+        frames.push_back(frame);
+    }
+    at_begin = !frames.empty();
+    if (!frames.empty() && frames.back()->pts != AV_NOPTS_VALUE) last_ts = frames.back()->pts;
     return true;
 }
 

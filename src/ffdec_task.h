@@ -97,6 +97,9 @@ public:
 
 private:
     enum class SeekResult { Sought, Rewound, Lost };
+    // Takes over the instance and first frames the probe left for the
+    // stream, if any: the first picture then needs no new open and no decode.
+    bool adopt_probe_start();
     // The earliest stream timestamp: the stream's start when it is positive,
     // otherwise 0. A seek there puts the instance at the first frame.
     long long begin_ts() const;

@@ -17,6 +17,7 @@ extern "C" {
 #include "frame_helpers.h"
 #include "log.h"
 #include "movie_info.h"
+#include "parked_instances.h"
 #include "rational_convert.h"
 #include "scheduler.h"
 #include "utils/mempool.h"
@@ -81,7 +82,12 @@ void FFDecoderPrivate::close() {
     audio_range = Range(Rational(0, 0), Rational(0, 0));
     end_audio_run();
     close_filter();
-    if (stream) g_decoder_mgr.pool_of(stream)->remove_worker(nullptr, true);
+    if (!stream) return;
+    FrameScheduler* pool = g_decoder_mgr.pool_of(stream);
+    pool->remove_worker(nullptr, true);
+    // The movie's last decoder of this stream gone: what the probe left for
+    // its streams is not kept waiting for a decoder that may never come.
+    if (pool->worker_count() == 0) ParkedInstances::instance().release_movie(stream->movie);
 }
 
 long long FFDecoderPrivate::sec_to_stream_ts(const Rational& sec) const {

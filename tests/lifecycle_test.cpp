@@ -18,6 +18,7 @@
 #include "decode_counters.h"
 #include "engine_support.h"
 #include "ffdec_task.h"
+#include "ff_tools.h"
 #include "ffdecoder2.h"
 #include "process_stats.h"
 #include "scheduler.h"
@@ -142,6 +143,7 @@ TEST_F(Video, CloseCutsItsOwnRequestAndItsWaitingRequestsShort) {
 }
 
 TEST_F(Video, OpenReopenAndCloseCyclesLeaveNoTaskOrThread) {
+    mem_collection(0);  // the probe's parked decoder (and its threads) goes first
     const size_t workers_before = workers();
     const int threads_before = processstats::thread_count();
     FFDecoder kept;

@@ -17,6 +17,7 @@ extern "C" {
 #include "ffdec_probe.h"
 #include "ffdecoder.h"
 #include "media.h"
+#include "parked_instances.h"
 
 using namespace ff;
 using testmedia::LogCapture;
@@ -223,3 +224,52 @@ TEST(Probe, StartTimesAndRotation) {
     avformat_free_context(ctx);
 }
 
+
+// The probe's decoding is not thrown away: the first decoder of the stream
+// adopts its instance and first frames. What is parked is let go by
+// mem_collection and when the movie's last decoder of a stream closes.
+TEST(Probe, FirstPictureAfterAProbeDecodesNothingTwice) {
+    ParkedInstances& parked = ParkedInstances::instance();
+    mem_collection(0);
+    const uint64_t before = frames_decoded(), seeks = decode_counters().seeks.load();
+    const MovieCtx* mv = FFDecoder::probe(fresh_copy("h264_cfr.mp4", "parked").c_str(), nullptr);
+    ASSERT_NE(mv, nullptr);
+    EXPECT_EQ(frames_decoded() - before, 2u);
+    EXPECT_EQ(parked.size(), 1u);
+    {
+        FFDecoder dec;
+        ASSERT_TRUE(dec.open(mv->streams[mv->video_indexes[0]]));
+        EXPECT_EQ(parked.size(), 0u);
+        for (int index : {0, 1}) {
+            const auto picture = dec.getVideoFrame(RequireVideoFrame{Rational(index, 25), PF_RGBA, 1, nullptr});
+            ASSERT_NE(picture, nullptr);
+            EXPECT_EQ(testmedia::picture_index(*picture), index);
+        }
+        EXPECT_EQ(frames_decoded() - before, 2u);
+        EXPECT_EQ(decode_counters().seeks.load(), seeks);
+        EXPECT_EQ(testmedia::picture_index(*dec.getVideoFrame(RequireVideoFrame{Rational(3, 1), PF_RGBA, 1, nullptr})),
+                  75);
+    }
+
+    // Released unused: by mem_collection(0), and by closing the last decoder
+    // of the movie (here of its audio stream); the picture comes all the same.
+    for (const char* release : {"mem_collection", "close"}) {
+        SCOPED_TRACE(release);
+        const MovieCtx* again = FFDecoder::probe(fresh_copy("h264_cfr.mp4", release).c_str(), nullptr);
+        ASSERT_NE(again, nullptr);
+        EXPECT_EQ(parked.size(), 1u);
+        if (std::strcmp(release, "close") == 0) {
+            FFDecoder audio;
+            ASSERT_TRUE(audio.open(again->streams[again->audio_indexes[0]]));
+            audio.close();
+        } else {
+            mem_collection(0);
+        }
+        EXPECT_EQ(parked.size(), 0u);
+        FFDecoder dec;
+        ASSERT_TRUE(dec.open(again->streams[again->video_indexes[0]]));
+        const auto picture = dec.getVideoFrame(RequireVideoFrame{Rational(0, 1), PF_RGBA, 1, nullptr});
+        ASSERT_NE(picture, nullptr);
+        EXPECT_EQ(testmedia::picture_index(*picture), 0);
+    }
+}
