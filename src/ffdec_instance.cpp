@@ -131,11 +131,23 @@ int Instance::get_frame(AVPacket* pkt, AVFrame* frame) {
             CLIPDEC_LOG(kLogError, kTagDefault, "read packet failed: %s", ffmpeg_error(r));
             return r;
         }
+        apply_skip(pkt->pts);
         const int sent = avcodec_send_packet(codec_ctx, pkt);
         av_packet_unref(pkt);
         if (sent < 0) return sent;
         draining = false;
     }
+}
+
+void Instance::skip_unreferenced_before(long long pts) { skip_before = pts; }
+
+void Instance::apply_skip(long long packet_pts) {
+    if (skip_before == AV_NOPTS_VALUE) return;
+    // Packets come in decoding order: the first one at or past the limit ends
+    // the skipping for good (B-frames after it are decoded whole).
+    const bool skip = packet_pts != AV_NOPTS_VALUE && packet_pts < skip_before;
+    if (!skip) skip_before = AV_NOPTS_VALUE;
+    codec_ctx->skip_frame = skip ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
 }
 
 int Instance::get_packet(AVPacket* pkt) {
@@ -156,6 +168,8 @@ uint8_t* Instance::get_subtitle_header() { return codec_ctx ? codec_ctx->subtitl
 
 bool Instance::seek(long long ts, bool flush) {
     if (!fmt_ctx || !codec_ctx || !stream) return false;
+    skip_before = AV_NOPTS_VALUE;
+    codec_ctx->skip_frame = AVDISCARD_DEFAULT;
     if (flush) avcodec_flush_buffers(codec_ctx);
     count(decode_counters().seeks);
     int r;

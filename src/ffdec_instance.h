@@ -44,6 +44,12 @@ public:
     // Seeks to `ts` (stream time base) or the key frame before it; `flush`
     // drops the decoder's buffered frames.
     bool seek(long long ts, bool flush);
+    // Until a packet at or after `pts` comes (stream time base), frames no
+    // other frame refers to are not decoded at all: a run towards a target
+    // whose earlier frames nobody wants decodes only what the later ones
+    // need. Frames before `pts` may then be missing from the output. Ended by
+    // a seek.
+    void skip_unreferenced_before(long long pts);
 
     AVFormatContext* format_contex() const { return fmt_ctx; }
     AVStream* avstream() const { return stream; }
@@ -51,12 +57,14 @@ public:
 
 private:
     bool open_decoder(int stream_index);
+    void apply_skip(long long packet_pts);
     int read_own_packet(AVPacket* pkt);
 
     AVFormatContext* fmt_ctx = nullptr;  // owned; non-null means open
     AVCodecContext* codec_ctx = nullptr; // owned, through the hardware layer
     AVStream* stream = nullptr;          // borrowed from fmt_ctx
     AVDictionary* opts = nullptr;        // owned; what avcodec_open2 left unused
+    long long skip_before = AV_NOPTS_VALUE;  // see skip_unreferenced_before
 };
 
 }  // namespace ff

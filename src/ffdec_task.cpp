@@ -1,5 +1,9 @@
 #include "ffdec_task.h"
 
+extern "C" {
+#include <libavutil/imgutils.h>
+}
+
 #include <algorithm>
 #include <climits>
 #include <functional>
@@ -12,6 +16,7 @@
 #include "movie_info.h"
 #include "no_bridge.h"
 #include "parked_instances.h"
+#include "playback_direction.h"
 #include "rational_convert.h"
 
 namespace ff {
@@ -22,6 +27,8 @@ namespace {
 
 constexpr int kDefaultVideoCache = 4;
 constexpr int kDefaultAudioCache = 20;
+constexpr int kDefaultReverseMb = 256;
+constexpr unsigned kMaxWindowFrames = 100000;  // a bound on the count whatever the frames' size
 constexpr int kMaxPreTries = 4;   // re-seeks without flush while awaiting the first frame after a seek
 constexpr int kMaxErrors = 4;     // plain retries; the next error ends the call
 constexpr int kMaxNextErrors = 5; // get_next_frame gives up on this error
@@ -91,6 +98,8 @@ bool FFDec_Task::open(const StreamCtx* sc) {
     // A limit of 0 still keeps one frame besides the newest: the frame on
     // screen at t is only known once the next one has been decoded.
     max_frames = static_cast<unsigned>(limit >= 1 ? limit : limit == 0 ? 1 : fallback);
+    const int reverse_mb = video ? NoBridge::instance()->get_int_setting("dec.reverse_mb", kDefaultReverseMb) : 0;
+    reverse_budget = reverse_mb > 0 ? static_cast<size_t>(reverse_mb) << 20 : 0;
     return true;
 }
 
@@ -191,11 +200,65 @@ void FFDec_Task::stamp_frame(AVFrame* f) {
     f->pts = f->best_effort_timestamp = start + av_rescale_q(counted, unit, base);
 }
 
+unsigned FFDec_Task::cache_limit() const { return window_frames > 0 ? window_frames : max_frames; }
+
+size_t FFDec_Task::picture_bytes() const {
+    const int bytes = av_image_get_buffer_size(static_cast<AVPixelFormat>(stream->pix_fmt), stream->width,
+                                               stream->height, 1);
+    return bytes > 0 ? static_cast<size_t>(bytes) : 0;
+}
+
+size_t FFDec_Task::frame_bytes(const AVFrame& frame) {
+    size_t bytes = 0;
+    for (const AVBufferRef* buf : frame.buf)
+        if (buf) bytes += buf->size;
+    return bytes;
+}
+
+void FFDec_Task::follow_direction(long long t, long long previous) {
+    if (t >= previous && window_frames > 0) {
+        // Moving forward again: back to the short cache, newest frames kept.
+        window_frames = 0;
+        while (frames.size() > max_frames + 1) {
+            frames.pop_front();
+            at_begin = false;
+        }
+        return;
+    }
+    // A request before the previous one and before everything cached: the
+    // host plays backwards. The frames decoded on the way from the key frame
+    // to this target are the next requests' answers, so as many as the budget
+    // holds are kept, and each later refill decodes a stretch once instead of
+    // a whole run from the key frame for every few frames.
+    // A decoder that plays backwards says so (FFDecoder2's reverse mode):
+    // then even its first request keeps the window.
+    const bool backward_miss = t < previous && !frames.empty() && t < bets(frames.front());
+    const bool told = plays_backward(owner) && (frames.empty() || t < bets(frames.front()));
+    if (!(backward_miss || told) || reverse_budget == 0 || window_frames > 0 || stream->type != STREAM_VIDEO) return;
+    const size_t bytes = std::max<size_t>(frames.empty() ? picture_bytes() : frame_bytes(*frames.back()), 1);
+    window_frames = static_cast<unsigned>(std::min<size_t>(reverse_budget / bytes, kMaxWindowFrames));
+    if (window_frames <= max_frames) window_frames = 0;  // the budget holds no more than the cache anyway
+}
+
+long long FFDec_Task::skip_before_window(long long t) {
+    const Rational rate = stream->frame_rate;
+    if (window_frames == 0 || rate.num <= 0 || rate.den <= 0 || stream->duration == kNoPts) return AV_NOPTS_VALUE;
+    const long long frame = av_rescale_q(1, AVRational{static_cast<int>(rate.den), static_cast<int>(rate.num)},
+                                         rational_convert(stream->time_base));
+    // Only within the stream: past its end the answer is the last frame,
+    // which the skipping could leave out.
+    if (frame <= 0 || t > begin_ts() + stream->duration - frame) return AV_NOPTS_VALUE;
+    const long long floor = t - static_cast<long long>(window_frames - 1) * frame;
+    if (floor <= begin_ts()) return AV_NOPTS_VALUE;
+    instance->skip_unreferenced_before(floor);
+    return floor;
+}
+
 std::shared_ptr<AVFrame> FFDec_Task::append_frame(const std::shared_ptr<AVFrame>& frame) {
     // Taken before any eviction: with a one-frame cache the previous back is
     // the very frame that eviction would drop.
     std::shared_ptr<AVFrame> previous = frames.empty() ? nullptr : frames.back();
-    if (frames.size() > max_frames) {
+    if (frames.size() > cache_limit()) {
         frames.pop_front();
         at_begin = false;
     }
@@ -236,8 +299,10 @@ std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std
         lock.unlock();
     });
     in_job = true;
+    const long long previous = last_ts;
     last_ts = t;
     if (!instance || broken) return {};
+    follow_direction(t, previous);
 
     const long long begin = begin_ts();
     long long s = std::max(t, begin);
@@ -264,11 +329,15 @@ std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std
     }
 
     bool seeked = false;
+    // In backward play the frames before the window are decoded only as far
+    // as later frames need them, and none of them is kept.
+    long long floor = AV_NOPTS_VALUE;
     if (seek_needed) {
         const SeekResult result = seek_unlocked(lock, s);
         if (result == SeekResult::Lost) return {};
         seeked = result == SeekResult::Sought && s != begin;
         if (!seeked) at_begin = true;
+        floor = skip_before_window(t);
     }
 
     AVPacket* pkt = packet.get();
@@ -314,6 +383,20 @@ std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std
                 seeked = false;
                 at_begin = true;
             }
+            floor = skip_before_window(t);
+            continue;
+        }
+        if (!eof && floor != AV_NOPTS_VALUE && frame->best_effort_timestamp < floor) {
+            at_begin = false;  // the stream's first frames are not kept
+            continue;
+        }
+        if (eof && frames.empty() && floor != AV_NOPTS_VALUE) {
+            // Nothing at or after the window's start: once more, whole.
+            floor = AV_NOPTS_VALUE;
+            const SeekResult result = seek_unlocked(lock, s);
+            if (result == SeekResult::Lost) break;
+            seeked = result == SeekResult::Sought && s != begin;
+            if (!seeked) at_begin = true;
             continue;
         }
         if (eof) {

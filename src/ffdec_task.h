@@ -85,6 +85,11 @@ public:
     bool at_end = false;           // the stream ends after the back frame
     bool broken = false;           // end of stream with nothing cached: answers nothing
     unsigned max_frames = 0;
+    // Backward play: the memory the frames kept for it may take ("dec.reverse_mb",
+    // default 256 MB; 0 turns the window off), and the frame count of the
+    // window while the task serves backward requests (0: the short cache).
+    size_t reverse_budget = 0;
+    unsigned window_frames = 0;
     bool in_job = false;           // a request is running pri_get_frame
     // Packet space for the instance's reads, kept across calls so that a
     // steady stream of requests allocates none.
@@ -115,8 +120,22 @@ private:
     // Gives a frame without any timestamp the one its place in the stream
     // implies, and counts it.
     void stamp_frame(AVFrame* frame);
+    // The cache's frame limit: max_frames, or the window of backward play.
+    unsigned cache_limit() const;
+    static size_t frame_bytes(const AVFrame& frame);
+    // A decoded picture's size as the stream describes it.
+    size_t picture_bytes() const;
+    // Opens the window of backward play on a request before the previous one
+    // (`previous`) and before the cache, and closes it when requests move
+    // forward again.
+    void follow_direction(long long t, long long previous);
+    // In backward play, right after a seek towards `t`: lets the instance skip
+    // the frames nobody refers to before the window that ends at `t`, and
+    // returns where the window starts (no picture before it may be kept);
+    // AV_NOPTS_VALUE when everything is decoded.
+    long long skip_before_window(long long t);
     // Appends a decoded frame, dropping the oldest when the cache is over its
-    // limit (so it holds at most max_frames + 1); returns the previous back.
+    // limit (so it holds at most cache_limit() + 1); returns the previous back.
     std::shared_ptr<AVFrame> append_frame(const std::shared_ptr<AVFrame>& frame);
 };
 

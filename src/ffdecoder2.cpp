@@ -7,6 +7,7 @@
 #include "ffdecoder_private.h"
 #include "guarded.h"
 #include "log.h"
+#include "playback_direction.h"
 #include "movie_info.h"
 
 namespace ff {
@@ -72,6 +73,7 @@ FFDecoder2::FFDecoder2() : d2(new FFDecoder2Private()) {}
 FFDecoder2::~FFDecoder2() {
     // Queued jobs call the overrides below: stop them before this part goes.
     close();
+    set_plays_backward(private_data()->id, false);
     delete d2;
 }
 
@@ -169,6 +171,7 @@ void FFDecoder2::setRevert(bool on) {
         }
         std::lock_guard<std::mutex> lock(d2->mutex);
         d2->revert = on;
+        set_plays_backward(private_data()->id, on);  // its decode tasks keep a window from the first request
         // An unknown duration stays {0, 0}: reverse requests then answer nothing.
         if (on) d2->duration = st->duration == kNoPts ? Rational(0, 0) : timestamp_to_time(st->duration, st->time_base);
     });

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "decode_counters.h"
 #include "ffdecoder2.h"
 #include "media.h"
 #include "movie_info.h"
@@ -134,6 +135,29 @@ TEST(Decoder2Video, ClipTimesMapThroughSpeedAndReverse) {
     ASSERT_TRUE(dec.setSpeed(1.15));
     EXPECT_EQ(index_at(dec, 1, 1), 71);  // 4 - 1.14 = 2.86 s
     EXPECT_EQ(index_at(dec, 3, 1), 14);  // 4 - 3.42 = 0.58 s
+}
+
+// Backward play on a stream with a key frame only every 250 frames gives, at
+// -1x and -2x, exactly the pictures forward play gives, and decodes fewer
+// frames than a run from the key frame for every few pictures would.
+TEST(Decoder2Video, ReversePlaybackGivesTheFramesForwardPlaybackGives) {
+    const StreamCtx* video = stream_of("long_gop.mp4", STREAM_VIDEO);
+    ASSERT_NE(video, nullptr);
+    const int frames = static_cast<int>(video->duration * 25 * video->time_base.num / video->time_base.den);
+    ASSERT_EQ(frames, 300);
+    for (int speed : {1, 2}) {
+        SCOPED_TRACE(speed);
+        FFDecoder2 dec;
+        ASSERT_TRUE(dec.open(video));
+        dec.setRevert(true);
+        ASSERT_TRUE(dec.setSpeed(speed));
+        const uint64_t decoded = decode_counters().frames_decoded.load();
+        // Clip time c reads stream time 12 s - speed * c: frame 299 - speed * n
+        // at c = (speed * n + 1) / (25 * speed).
+        for (int n = 0; speed * n < frames; ++n)
+            ASSERT_EQ(index_at(dec, speed * n + 1, 25 * speed), frames - 1 - speed * n) << n;
+        EXPECT_LT(decode_counters().frames_decoded.load() - decoded, 2u * frames);
+    }
 }
 
 TEST(Decoder2Video, UserFiltersMirrorThePictureUntilRemoved) {

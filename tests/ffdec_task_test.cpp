@@ -191,3 +191,33 @@ TEST(FFDecTask, OneFrameCacheAndAFirstFrameFarAfterTheStart) {
     EXPECT_TRUE(task.at_begin);
     EXPECT_LE(c.sought(), 6u);
 }
+
+// Backward requests keep a window of the frames decoded on the way to each
+// target, bounded by the budget: answers stay those of forward requests.
+TEST(FFDecTask, BackwardRequestsKeepAWindowWithinTheirBudget) {
+    const StreamCtx* sc = video_of("long_gop.mp4");  // 300 frames, key frames at 0 and 250
+    ASSERT_NE(sc, nullptr);
+    const size_t picture = 320 * 240 * 3 / 2;
+    struct Case { const char* what; size_t budget; unsigned most_frames; };
+    const Case cases[] = {{"no window", 0, 5}, {"eight frames", 8 * picture + 100, 9}, {"default", 256u << 20, 301}};
+    uint64_t decoded[3] = {};
+    for (int i = 0; i < 3; ++i) {
+        SCOPED_TRACE(cases[i].what);
+        FFDec_Task task;
+        ASSERT_TRUE(task.open(sc));
+        task.reverse_budget = cases[i].budget;
+        Counts c;
+        for (int k = 299; k >= 150; --k) {  // across the key frame at 250
+            ASSERT_EQ(index_of(ask(task, k * kFrame)), k);
+            std::lock_guard<std::mutex> lock(task.mutex);
+            ASSERT_LE(task.frames.size(), cases[i].most_frames);
+        }
+        decoded[i] = c.decoded();
+        // Forward again: the window closes and the cache is short once more.
+        EXPECT_EQ(index_of(ask(task, 200 * kFrame)), 200);
+        std::lock_guard<std::mutex> lock(task.mutex);
+        EXPECT_TRUE(task.window_frames == 0 && task.frames.size() <= task.max_frames + 1);
+    }
+    EXPECT_LT(decoded[1], decoded[0]);
+    EXPECT_LT(decoded[2], decoded[1]);
+}
