@@ -8,6 +8,7 @@
 //   BM_Playback/3  backward, every frame, asked for at descending times of
 //                  a plain FFDecoder (the direction is learnt from the
 //                  second request)
+//   BM_Playback/4  forward, every other frame (2x), beside /2
 //
 // items_per_second is pictures per second; growth_mb is how far resident
 // memory rose above its level before the run (the window kept for backward
@@ -47,6 +48,7 @@ const ff::StreamCtx* gop250_video(benchmark::State& state) {
 ff::Rational clip_time(int mode, int n, const ff::Rational& duration) {
     switch (mode) {
     case 0: return ff::Rational(n, 25);
+    case 4: return ff::Rational(n, 25);  // read at 2n / 25 by the speed
     case 3: return ff::Rational(kFrames - 1 - n, 25);
     default: {
         // Reverse reads duration - t (t scaled by the speed first): frame
@@ -62,7 +64,7 @@ void BM_Playback(benchmark::State& state) {
     const ff::StreamCtx* stream = gop250_video(state);
     if (!stream) return;
     const int mode = static_cast<int>(state.range(0));
-    const int requests = mode == 2 ? kFrames / 2 : kFrames;
+    const int requests = mode == 2 || mode == 4 ? kFrames / 2 : kFrames;
     const ff::Rational duration = ff::timestamp_to_time(stream->duration, stream->time_base);
     int pictures = 0;
     double growth = 0;
@@ -72,7 +74,7 @@ void BM_Playback(benchmark::State& state) {
         ff::FFDecoder2 decoder;
         decoder.open(stream);
         if (mode == 1 || mode == 2) decoder.setRevert(true);
-        if (mode == 2) decoder.setSpeed(2.0);
+        if (mode == 2 || mode == 4) decoder.setSpeed(2.0);
         const double base = processstats::resident_mb();
         state.ResumeTiming();
         for (int n = 0; n < requests; ++n) {
@@ -92,4 +94,4 @@ void BM_Playback(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_Playback)->Arg(0)->Arg(1)->Arg(2)->Arg(3)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
+BENCHMARK(BM_Playback)->Arg(0)->Arg(1)->Arg(2)->Arg(3)->Arg(4)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);

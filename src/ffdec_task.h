@@ -42,7 +42,8 @@ public:
 
     // Opens an instance on the stream and reads the cache limit from the host's
     // settings ("dec.max_vf", default 4, for video; "dec.max_af", default 20,
-    // otherwise). A setting below 0 counts as the default, 0 as 1.
+    // otherwise). A setting below 0 counts as the default, 0 as 1. The
+    // window of backward play takes its budget from "dec.reverse_mb".
     bool open(const StreamCtx* sc);
     void close();
     bool is_opened() const;
