@@ -8,6 +8,7 @@ set(CLIPDEC_PUBLIC_HEADERS
   clipdec.h
   clipdec_export.h
   audio_mixer.h
+  audio_overview.h
   rational.h
   range.h
   ff_tools.h

@@ -5,7 +5,9 @@
 #   bench_1080p_gop250.mp4  20 s of 1080p25 H.264 with a key frame every 250
 #                           frames (10 s), where a far seek decodes for long;
 #   bench_short_720p.mp4    2 s of 720p25 H.264 with AAC, a clip as imported
-#                           by the hundred.
+#                           by the hundred;
+#   bench_60s.m4a           60 s of stereo AAC (a tone under noise);
+#   bench_hour.wav          an hour of 48 kHz stereo 16-bit PCM (691 MB).
 set -euo pipefail
 out=${1:?usage: gen_bench_media.sh OUT_DIR}
 mkdir -p "$out"
@@ -28,4 +30,15 @@ if [ ! -s "$out/bench_short_720p.mp4" ]; then
     -c:v libx264 -preset veryfast -crf 23 -bf 2 -g 50 -pix_fmt yuv420p \
     -c:a aac -b:a 128k -ac 2 "${exact[@]}" "$out/bench_short_720p.mp4.tmp.mp4"
   mv "$out/bench_short_720p.mp4.tmp.mp4" "$out/bench_short_720p.mp4"
+fi
+if [ ! -s "$out/bench_60s.m4a" ]; then
+  ff -f lavfi -i "sine=frequency=440:sample_rate=48000:duration=60" -f lavfi -i "anoisesrc=d=60:c=pink:r=48000:a=0.1" \
+    -filter_complex "[0][1]amix=inputs=2,aformat=channel_layouts=stereo" -c:a aac -b:a 128k "${exact[@]}" \
+    "$out/bench_60s.m4a.tmp.m4a"
+  mv "$out/bench_60s.m4a.tmp.m4a" "$out/bench_60s.m4a"
+fi
+if [ ! -s "$out/bench_hour.wav" ]; then
+  ff -f lavfi -i "sine=frequency=440:sample_rate=48000:duration=3600" -ac 2 -c:a pcm_s16le "${exact[@]}" \
+    "$out/bench_hour.wav.tmp.wav"
+  mv "$out/bench_hour.wav.tmp.wav" "$out/bench_hour.wav"
 fi

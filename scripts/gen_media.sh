@@ -68,6 +68,8 @@ ff -f lavfi -i "$(frames 25 2)" -f lavfi -i "$(tone 440 44100 2)" "${x264[@]}" -
    -use_editlist 0 "${exact[@]}" aac_first_long.mp4
 ff -f lavfi -i "$(tone 440 44100 2)" -c:a aac -b:a 128k "${exact[@]}" aac_plain.m4a
 ff -i aac_plain.m4a -c copy -bsf:a "setts=ts=if(gte(TS\,44032)\,TS+4410\,TS)" "${exact[@]}" aac_gap.mp4
+# A 440 Hz tone at 44.1 kHz in 32-bit float WAV, two channels.
+ff -f lavfi -i "$(tone 440 44100 2)" -ac 2 -c:a pcm_f32le "${exact[@]}" tone_f32.wav
 # Six-channel FLAC ramp at 48 kHz.
 ff -f lavfi -i "$(ramp 6 48000 3)" -c:a flac -sample_fmt s16 "${exact[@]}" flac_6ch.flac
 # Matroska with a SubRip and an ASS track.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "audio_mixer.h"
+#include "audio_overview.h"
 #include "clipdec_export.h"
 #include "ff_tools.h"
 #include "ffdecoder.h"

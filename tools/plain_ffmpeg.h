@@ -23,15 +23,15 @@ namespace cli {
 // with threads "auto" (as the library opens its own), send/receive, packets
 // of other streams dropped. It opens the container index the library's
 // record names, so both sides read the same stream (a negative index: the
-// best video stream, as a host opening a file of its own would take).
+// best stream of type `best`, as a host opening a file of its own would take).
 class PlainStream {
 public:
-    bool open(const char* path, int stream_index) {
+    bool open(const char* path, int stream_index, AVMediaType best = AVMEDIA_TYPE_VIDEO) {
         AVFormatContext* raw = nullptr;
         if (avformat_open_input(&raw, path, nullptr, nullptr) < 0) return false;  // frees `raw` itself
         fmt_.reset(raw);
         if (avformat_find_stream_info(raw, nullptr) < 0) return false;
-        if (stream_index < 0) stream_index = av_find_best_stream(raw, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+        if (stream_index < 0) stream_index = av_find_best_stream(raw, best, -1, -1, nullptr, 0);
         if (stream_index < 0 || stream_index >= static_cast<int>(raw->nb_streams)) return false;
         index_ = stream_index;
         stream_ = raw->streams[stream_index];
