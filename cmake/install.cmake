@@ -14,6 +14,7 @@ set(CLIPDEC_PUBLIC_HEADERS
   ff_tools.h
   ffdecoder.h
   ffdecoder2.h
+  filmstrip.h
   frame_records.h
   movie_info.h
   utils/bg_time.h

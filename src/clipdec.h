@@ -7,6 +7,7 @@
 #include "ff_tools.h"
 #include "ffdecoder.h"
 #include "ffdecoder2.h"
+#include "filmstrip.h"
 #include "frame_records.h"
 #include "movie_info.h"
 #include "range.h"

@@ -6,6 +6,7 @@
 
 #include "audio_mixer.h"
 #include "ffdecoder.h"
+#include "first_video.h"
 #include "guarded.h"
 #include "hw/hw_decoder.h"
 #include "log.h"
@@ -97,22 +98,6 @@ int64_t truncate_to_int64(double v) {
     if (v >= 9.2233720368547758e18) return INT64_MAX;
     if (v <= -9.2233720368547758e18) return INT64_MIN;
     return static_cast<int64_t>(v);
-}
-
-// The first video stream of `movie` whose decoder opens, or null.
-std::unique_ptr<FFDecoder> open_first_video(const MovieCtx* movie) {
-    std::unique_ptr<FFDecoder> chosen;
-    const int count = std::min(movie->nb_video, kMaxStreamsPerType);
-    for (int i = 0; i < count; ++i) {
-        const int position = movie->video_indexes[i];
-        if (position < 0 || position >= movie->nb_streams || !movie->streams[position]) continue;
-        auto decoder = std::make_unique<FFDecoder>();
-        // Every video stream gets its decoder opened, in probe order; the
-        // first one that opens serves, the others are let go at once rather
-        // than held until the picture is taken.
-        if (decoder->open(movie->streams[position]) && !chosen) chosen = std::move(decoder);
-    }
-    return chosen;
 }
 
 std::shared_ptr<VFrameCtx> movie_image(const char* path, const RequireMvImage& req, Rational* duration) {

@@ -6,6 +6,7 @@
 #include "hw/hw_decoder.h"
 #include "log.h"
 
+#include <algorithm>
 #include <cstring>
 
 extern "C" {
@@ -141,13 +142,18 @@ int Instance::get_frame(AVPacket* pkt, AVFrame* frame) {
 
 void Instance::skip_unreferenced_before(long long pts) { skip_before = pts; }
 
+void Instance::decode_key_frames_only(bool on) {
+    base_discard = on ? AVDISCARD_NONKEY : AVDISCARD_DEFAULT;
+    if (codec_ctx) codec_ctx->skip_frame = base_discard;
+}
+
 void Instance::apply_skip(long long packet_pts) {
     if (skip_before == AV_NOPTS_VALUE) return;
     // Packets come in decoding order: the first one at or past the limit ends
     // the skipping for good (B-frames after it are decoded whole).
     const bool skip = packet_pts != AV_NOPTS_VALUE && packet_pts < skip_before;
     if (!skip) skip_before = AV_NOPTS_VALUE;
-    codec_ctx->skip_frame = skip ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
+    codec_ctx->skip_frame = skip ? std::max(AVDISCARD_NONREF, base_discard) : base_discard;
 }
 
 int Instance::get_packet(AVPacket* pkt) {
@@ -169,7 +175,7 @@ uint8_t* Instance::get_subtitle_header() { return codec_ctx ? codec_ctx->subtitl
 bool Instance::seek(long long ts, bool flush) {
     if (!fmt_ctx || !codec_ctx || !stream) return false;
     skip_before = AV_NOPTS_VALUE;
-    codec_ctx->skip_frame = AVDISCARD_DEFAULT;
+    codec_ctx->skip_frame = base_discard;
     if (flush) avcodec_flush_buffers(codec_ctx);
     count(decode_counters().seeks);
     int r;

@@ -50,6 +50,9 @@ public:
     // need. Frames before `pts` may then be missing from the output. Ended by
     // a seek.
     void skip_unreferenced_before(long long pts);
+    // Decodes key frames only (the rest is dropped unread by the decoder),
+    // until switched off.
+    void decode_key_frames_only(bool on);
 
     AVFormatContext* format_contex() const { return fmt_ctx; }
     AVStream* avstream() const { return stream; }
@@ -65,6 +68,7 @@ private:
     AVStream* stream = nullptr;          // borrowed from fmt_ctx
     AVDictionary* opts = nullptr;        // owned; what avcodec_open2 left unused
     long long skip_before = AV_NOPTS_VALUE;  // see skip_unreferenced_before
+    AVDiscard base_discard = AVDISCARD_DEFAULT;  // what is dropped outside such a run
 };
 
 }  // namespace ff
