@@ -10,6 +10,7 @@ packages=(
   libavformat-dev libavcodec-dev libavfilter-dev libavutil-dev
   libswscale-dev libswresample-dev
   ffmpeg
+  fonts-dejavu-core
 )
 packages+=("$@")
 

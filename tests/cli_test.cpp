@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "audio_overview.h"
 #include "cli_support.h"
 #include "media.h"
 
@@ -169,9 +170,39 @@ TEST(Cli, MixSumsOffsetSourcesSampleBySample) {
         }
     }
     EXPECT_EQ(wrong, 0);
+    // An 800x160 plot with its margins: dB labels left, time labels under it.
     const clitest::Picture peaks = clitest::decode_picture(dir + "/p.png");
-    EXPECT_EQ(peaks.width, 800);
-    EXPECT_EQ(peaks.height, 160);
+    EXPECT_EQ(peaks.width, 800 + 108);
+    EXPECT_EQ(peaks.height, 160 + 40);
+}
+
+TEST(Cli, WaveformAndFilmstripDrawTheLibrarysNumbers) {
+    const std::string dir = clitest::scratch_dir("cli_timeline");
+    const auto wave = run_tool({"waveform", media("pcm_s16.wav"), "-o", dir + "/w.png", "--json", "--size", "600x200"});
+    ASSERT_EQ(wave.exit_code, kOk) << wave.err;
+    // 4 s of 48 kHz stereo in 10 ms buckets, as getAudioOverview gives them.
+    const auto overview = ff::getAudioOverview(media("pcm_s16.wav").c_str(), -1, ff::Rational(1, 100));
+    ASSERT_NE(overview, nullptr);
+    const std::string counts = "\"samples\":" + std::to_string(overview->samples) +
+                               ",\"buckets\":" + std::to_string(overview->buckets);
+    EXPECT_NE(wave.out.find(counts), std::string::npos) << wave.out.substr(0, 200);
+    // Six fixed fields' commas, then a value for every bucket in the three
+    // arrays of each of the two lanes.
+    EXPECT_EQ(std::count(wave.out.begin(), wave.out.end(), ','), 6 * overview->buckets + 5);
+    const clitest::Picture w = clitest::decode_picture(dir + "/w.png");
+    EXPECT_TRUE(w.width == 600 + 108 && w.height == 200 + 40) << w.width << "x" << w.height;
+
+    for (bool fast : {true, false}) {
+        std::vector<std::string> args = {"filmstrip", media("long_gop.mp4"), "-n", "5", "-o", dir + "/s.png", "--json"};
+        if (fast) args.push_back("--fast");
+        const auto strip = run_tool(args);
+        ASSERT_EQ(strip.exit_code, kOk) << strip.err;
+        EXPECT_EQ(std::count(strip.out.begin(), strip.out.end(), '{'), 5) << strip.out;
+        // Five 160x120 pictures (240 wide asks for a divider of 2 of 320x240),
+        // each with a label band, tiled with 6 pixels of margin and padding.
+        const clitest::Picture s = clitest::decode_picture(dir + "/s.png");
+        EXPECT_TRUE(s.width == 5 * 160 + 4 * 6 + 2 * 6 && s.height == 120 + 26 + 2 * 6) << s.width << "x" << s.height;
+    }
 }
 
 TEST(Cli, BenchMeasuresEveryCaseOnBothSides) {
@@ -210,6 +241,12 @@ TEST(Cli, BadArgumentsAndBadFilesGiveTheDocumentedExitCodes) {
         {{"audio", good, "-o", wav, "--filter", "no_such_filter"}, kUsage},
         {{"audio", good, "-o", wav, "--channels", "0"}, kUsage},
         {{"mix", "-o", wav, good + "@9"}, kUsage},
+        {{"waveform", good}, kUsage},
+        {{"waveform", good, "--json", "--bucket", "never"}, kUsage},
+        {{"filmstrip", good, "--json", "-n", "0"}, kUsage},
+        {{"waveform", media("still.png"), "--json"}, kInput},
+        {{"filmstrip", media("aac.m4a"), "--json"}, kInput},
+        {{"filmstrip", good, "-o", "/nonexistent/dir/o.png"}, kOutput},
         {{"thumb", media("missing.mp4"), "-o", out}, kInput},
         {{"thumb", media("empty.mp4"), "-o", out}, kInput},
         {{"thumb", media("aac.m4a"), "-o", out}, kInput},

@@ -58,6 +58,8 @@ const Command kCommands[] = {
     {"frames", cli::cmd_frames, "a picture sequence as PNG files (speed, reverse, async)"},
     {"audio", cli::cmd_audio, "export audio through 20 ms requests as WAV"},
     {"mix", cli::cmd_mix, "mix audio sources on a timeline, with a peak meter"},
+    {"waveform", cli::cmd_waveform, "the waveform of an audio stream as PNG or JSON"},
+    {"filmstrip", cli::cmd_filmstrip, "pictures spread over a video as one contact sheet"},
     {"bench", cli::cmd_bench, "the library's speed next to plain FFmpeg on a file"},
     {"info", cli::cmd_info, "the library's clock, temporary directory and device types"},
     {"time", cli::cmd_time, "a time as a stream timestamp and back"},
@@ -68,7 +70,7 @@ const Command kCommands[] = {
 void print_usage(FILE* out) {
     std::fprintf(out, "usage: clipdec [--verbose] COMMAND [ARGS]   (clipdec COMMAND --help for its options)\n\n"
                       "commands:\n");
-    for (const Command& c : kCommands) std::fprintf(out, "  %-8s %s\n", c.name, c.summary);
+    for (const Command& c : kCommands) std::fprintf(out, "  %-10s %s\n", c.name, c.summary);
     std::fprintf(out,
                  "\n"
                  "Times are seconds (12.5), fractions (1001/30000) or HH:MM:SS.mmm.\n"

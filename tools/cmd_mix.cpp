@@ -34,7 +34,7 @@ const char* kMixHelp =
     "  --rate R          8000 to 384000; default 48000\n"
     "  --channels C      1 to 8; default 2\n"
     "  --format F        u8, s16 (default), s32 or flt\n"
-    "  --peaks OUT.png   draw the level curve, 800x160\n"
+    "  --peaks OUT.png   draw the level curve (800x160 plot, time axis, dBFS scale)\n"
     "\n"
     "exit codes: 0 written, 1 a source cannot be read, 2 bad arguments,\n"
     "3 output not writable\n";

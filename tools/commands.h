@@ -13,6 +13,8 @@ int cmd_thumb(const Args& args);
 int cmd_frames(const Args& args);
 int cmd_audio(const Args& args);
 int cmd_mix(const Args& args);
+int cmd_waveform(const Args& args);
+int cmd_filmstrip(const Args& args);
 int cmd_bench(const Args& args);
 int cmd_info(const Args& args);
 int cmd_time(const Args& args);

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "chart.h"
 #include "image_file.h"
 
 namespace cli {
@@ -13,18 +14,12 @@ namespace {
 const char* const kBlocks[] = {" ", "\u2581", "\u2582", "\u2583", "\u2584", "\u2585", "\u2586", "\u2587", "\u2588"};
 constexpr int kSecondsPerLine = 60;
 
-struct Rgba {
-    uint8_t r, g, b, a;
-};
-constexpr Rgba kBackground{24, 24, 28, 255};
-constexpr Rgba kGrid{60, 60, 68, 255};
-
 // Green up to 70, yellow up to 90, red above: the usual meter colours, by
 // the height of the pixel, so loud bars end in red.
-Rgba level_colour(int level) {
-    if (level > 90) return {230, 60, 50, 255};
-    if (level > 70) return {230, 200, 60, 255};
-    return {70, 200, 90, 255};
+uint32_t level_colour(int level) {
+    if (level > 90) return 0xe63c32ff;
+    if (level > 70) return 0xe6c83cff;
+    return 0x46c85aff;
 }
 
 }  // namespace
@@ -62,11 +57,8 @@ bool LevelMeter::write_picture(const std::string& path, int width, int height, s
         error = "no levels to draw";
         return false;
     }
-    std::vector<Rgba> pixels(static_cast<size_t>(width) * height, kBackground);
-    for (int quarter = 1; quarter < 4; ++quarter) {
-        const int y = height - height * quarter / 4;
-        std::fill_n(pixels.begin() + static_cast<long>(y) * width, width, kGrid);
-    }
+    Chart chart(width, height, static_cast<double>(peaks_.size()) / per_second_);
+    chart.add_level_band(0, height, false, "peak");
     for (int x = 0; x < width; ++x) {
         // Each column shows the loudest of the cycles it covers.
         const size_t first = peaks_.size() * static_cast<size_t>(x) / static_cast<size_t>(width);
@@ -75,10 +67,10 @@ bool LevelMeter::write_picture(const std::string& path, int width, int height, s
                                                        peaks_.begin() + static_cast<long>(std::min(last, peaks_.size()))),
                                      0, 100);
         const int bar = level * height / 100;
-        for (int y = height - bar; y < height; ++y) 
-            pixels[static_cast<size_t>(y) * width + x] = level_colour((height - y) * 100 / height);
+        for (int y = height - bar; y < height; ++y) chart.fill_column(x, y, y, level_colour((height - y) * 100 / height));
     }
-    return write_png(path, reinterpret_cast<const uint8_t*>(pixels.data()), width * 4, width, height, error);
+    const FramePtr picture = chart.render(error);
+    return picture && write_png(path, picture->data[0], picture->linesize[0], picture->width, picture->height, error);
 }
 
 }  // namespace cli
