@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "bench_media.h"
 #include "ff_tools.h"
 #include "ffdecoder.h"
 #include "filmstrip.h"
@@ -23,8 +24,7 @@ namespace {
 constexpr int kPictures = 10;
 
 void BM_Filmstrip(benchmark::State& state) {
-    const char* dir = std::getenv("CLIPDEC_BENCH_MEDIA");
-    const std::string file = std::string(dir ? dir : "build/bench-media") + "/bench_1080p_gop250.mp4";
+    const std::string file = benchmedia::path("bench_1080p_gop250.mp4");
     if (access(file.c_str(), R_OK) != 0 || !ff::FFDecoder::probe(file.c_str(), nullptr))
         return state.SkipWithError("bench media missing: run scripts/bench.sh");
     const int mode = static_cast<int>(state.range(0));

@@ -25,16 +25,12 @@
 #include <thread>
 #include <vector>
 
+#include "bench_media.h"
 #include "ffdecoder.h"
 #include "movie_info.h"
 #include "plain_ffmpeg.h"
 
 namespace {
-
-std::string bench_media(const char* name) {
-    const char* dir = std::getenv("CLIPDEC_BENCH_MEDIA");
-    return std::string(dir ? dir : "build/bench-media") + "/" + name;
-}
 
 // A path to `file` nobody has opened yet.
 std::string fresh_link(const std::string& file) {
@@ -66,7 +62,7 @@ bool first_picture(int side, const std::string& path, AVFrame* frame) {
 }
 
 void BM_FirstPicture(benchmark::State& state) {
-    const std::string file = bench_media("bench_1080p.mp4");
+    const std::string file = benchmedia::path("bench_1080p.mp4");
     if (access(file.c_str(), R_OK) != 0) return state.SkipWithError("bench media missing: run scripts/bench.sh");
     AVFrame* frame = av_frame_alloc();
     for (auto _ : state) {
@@ -84,7 +80,7 @@ void BM_FirstPicture(benchmark::State& state) {
 
 // PyAV's figures come from a child process that prints one time per trial.
 void BM_FirstPicture_PyAV(benchmark::State& state) {
-    const std::string file = bench_media("bench_1080p.mp4");
+    const std::string file = benchmedia::path("bench_1080p.mp4");
     const char* script_dir = std::getenv("CLIPDEC_BENCH_SCRIPTS");
     const std::string script = std::string(script_dir ? script_dir : "bench") + "/first_picture_pyav.py";
     const std::string command = "/usr/bin/python3 " + script + " " + file + " " +
@@ -104,7 +100,7 @@ void BM_FirstPicture_PyAV(benchmark::State& state) {
 
 void BM_Import(benchmark::State& state) {
     constexpr int kFiles = 200;
-    const std::string file = bench_media("bench_short_720p.mp4");
+    const std::string file = benchmedia::path("bench_short_720p.mp4");
     if (access(file.c_str(), R_OK) != 0) return state.SkipWithError("bench media missing: run scripts/bench.sh");
     const int side = static_cast<int>(state.range(0));
     for (auto _ : state) {
@@ -187,7 +183,7 @@ void clipdec_steps(const std::string& path, double* ms) {
 }
 
 void BM_FirstPictureSteps(benchmark::State& state) {
-    const std::string file = bench_media("bench_1080p.mp4");
+    const std::string file = benchmedia::path("bench_1080p.mp4");
     if (access(file.c_str(), R_OK) != 0) return state.SkipWithError("bench media missing: run scripts/bench.sh");
     const bool plain = state.range(0) == 0;
     double ms[4] = {};

@@ -21,6 +21,7 @@
 #include <string>
 #include <thread>
 
+#include "bench_media.h"
 #include "decode_counters.h"
 #include "ffdecoder.h"
 #include "movie_info.h"
@@ -28,17 +29,6 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-const ff::StreamCtx* gop250_stream(benchmark::State& state) {
-    const char* dir = std::getenv("CLIPDEC_BENCH_MEDIA");
-    const std::string file = std::string(dir ? dir : "build/bench-media") + "/bench_1080p_gop250.mp4";
-    ff::MovieCtx* movie = access(file.c_str(), R_OK) == 0 ? ff::FFDecoder::probe(file.c_str(), nullptr) : nullptr;
-    if (!movie || movie->nb_video < 1) {
-        state.SkipWithError("bench media missing: run scripts/bench.sh");
-        return nullptr;
-    }
-    return movie->streams[movie->video_indexes[0]];
-}
 
 ff::RequireVideoFrame picture_at(long long ms) {
     ff::RequireVideoFrame req;
@@ -57,7 +47,7 @@ void wait_decoded(uint64_t frames) {
 enum Measured { kCloseOther = 0, kCachedPicture = 1, kCloseOwn = 2 };
 
 void BM_Lifecycle(benchmark::State& state) {
-    const ff::StreamCtx* stream = gop250_stream(state);
+    const ff::StreamCtx* stream = benchmedia::video(state, "bench_1080p_gop250.mp4");
     if (!stream) return;
     const auto measured = static_cast<Measured>(state.range(0));
     for (auto _ : state) {

@@ -14,14 +14,10 @@
 #include <string>
 
 #include "audio_overview.h"
+#include "bench_media.h"
 #include "plain_ffmpeg.h"
 
 namespace {
-
-std::string bench_media(const char* name) {
-    const char* dir = std::getenv("CLIPDEC_BENCH_MEDIA");
-    return std::string(dir ? dir : "build/bench-media") + "/" + name;
-}
 
 bool plain_decode_all(const std::string& path) {
     cli::PlainStream plain;
@@ -34,7 +30,7 @@ bool plain_decode_all(const std::string& path) {
 
 void BM_Overview(benchmark::State& state) {
     const int mode = static_cast<int>(state.range(0));
-    const std::string file = bench_media(mode < 2 ? "bench_60s.m4a" : "bench_hour.wav");
+    const std::string file = benchmedia::path(mode < 2 ? "bench_60s.m4a" : "bench_hour.wav");
     if (access(file.c_str(), R_OK) != 0) return state.SkipWithError("bench media missing: run scripts/bench.sh");
     static std::atomic<int> serial{0};
     for (auto _ : state) {

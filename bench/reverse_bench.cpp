@@ -23,6 +23,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "bench_media.h"
 #include "decode_counters.h"
 #include "ffdecoder2.h"
 #include "movie_info.h"
@@ -31,17 +32,6 @@
 namespace {
 
 constexpr int kFrames = 500;  // 20 s at 25 fps
-
-const ff::StreamCtx* gop250_video(benchmark::State& state) {
-    const char* dir = std::getenv("CLIPDEC_BENCH_MEDIA");
-    const std::string file = std::string(dir ? dir : "build/bench-media") + "/bench_1080p_gop250.mp4";
-    ff::MovieCtx* movie = access(file.c_str(), R_OK) == 0 ? ff::FFDecoder::probe(file.c_str(), nullptr) : nullptr;
-    if (!movie || movie->nb_video < 1) {
-        state.SkipWithError("bench media missing: run scripts/bench.sh");
-        return nullptr;
-    }
-    return movie->streams[movie->video_indexes[0]];
-}
 
 // The stream time the n-th request of `mode` reads, as clip time for the
 // decoder of that mode.
@@ -61,7 +51,7 @@ ff::Rational clip_time(int mode, int n, const ff::Rational& duration) {
 }
 
 void BM_Playback(benchmark::State& state) {
-    const ff::StreamCtx* stream = gop250_video(state);
+    const ff::StreamCtx* stream = benchmedia::video(state, "bench_1080p_gop250.mp4");
     if (!stream) return;
     const int mode = static_cast<int>(state.range(0));
     const int requests = mode == 2 || mode == 4 ? kFrames / 2 : kFrames;
