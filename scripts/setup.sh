@@ -11,6 +11,7 @@ packages=(
   libswscale-dev libswresample-dev
   ffmpeg
   fonts-dejavu-core
+  python3-dev python3-pybind11 python3-numpy python3-pytest
 )
 packages+=("$@")
 

@@ -40,6 +40,11 @@ FFDecoderPrivate::FFDecoderPrivate() {
 
 FFDecoderPrivate::~FFDecoderPrivate() {
     close();
+    // A part used only to convert (never opened) still holds its scaler.
+    sws_freeContext(sws);
+    sws = nullptr;
+    reset_resampler_fifo();
+    close_filter();
     // No lock is held here, so the worker can be joined even when its job is
     // about to ask for req_mutex.
     detach_async().reset();
