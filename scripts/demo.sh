@@ -34,6 +34,15 @@ run thumb "$out/sample.mp4" --at 2.5 --size 320x0 -o "$out/thumb.png"
 run frames "$out/sample.mp4" --from 1 --to 2 --fps 5 --size 160x0 -o "$out/frames"
 run audio "$out/sample.mp4" --range 0:4 --rate 44100 -o "$out/audio.wav"
 run mix "$out/sample.mp4@0.8" "$out/tone.wav@0.6+2" --peaks "$out/levels.png" -o "$out/mix.wav"
+run waveform "$out/sample.mp4" -o "$out/waveform.png"
+run filmstrip "$out/sample.mp4" -n 6 --size 160x0 -o "$out/filmstrip.png"
+
+if [ -d "$root/build-demo/python/clipdec" ]; then
+  echo
+  echo "\$ python3 examples/python_quickstart.py sample.mp4"
+  PYTHONPATH=$root/build-demo/python /usr/bin/python3 "$root/examples/python_quickstart.py" "$out/sample.mp4" \
+    2> >(grep -v -e '^\[filter\]' -e '^close filter' >&2) | grep -v '^"'
+fi
 
 echo
 echo "outputs in $out:"
@@ -42,4 +51,6 @@ echo "  frames/           five pictures a second from 1 s to 2 s"
 echo "  audio.wav         the first 4 s of audio at 44.1 kHz"
 echo "  mix.wav           the movie's audio with the tone entering at 2 s"
 echo "  levels.png        the mix's peak levels"
+echo "  waveform.png      the movie's audio waveform, with a time axis and a dBFS scale"
+echo "  filmstrip.png     six pictures spread over the movie, each with its time"
 echo "more: $tool --help"

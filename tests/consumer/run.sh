@@ -40,3 +40,20 @@ out=$(LD_LIBRARY_PATH="$libdir" "$work/examples-build/minimal_host" "$bin/media/
 echo "$out"
 grep -q 'picture at 1 s: 320x240 RGBA, shown from 1.000 s' <<<"$out" || { echo "example host: wrong picture"; exit 1; }
 grep -q 'audio 0.05-0.10 s: 2400 samples' <<<"$out" || { echo "example host: wrong audio span"; exit 1; }
+
+echo "-- Python"
+module=$(find "$prefix" -path '*/dist-packages/clipdec/__init__.py' | head -n 1)
+if [ -n "$module" ]; then
+  # From elsewhere than the source tree, without LD_LIBRARY_PATH: the module
+  # finds the installed library itself.
+  out=$(cd "$work" && PYTHONPATH=$(dirname "$(dirname "$module")") /usr/bin/python3 -c "
+import clipdec
+with clipdec.VideoDecoder('$bin/media/h264_cfr.mp4') as v:
+    f = v.frame_at(1)
+print('python picture', f.data.shape, f.pts)
+" 2>/dev/null | grep '^python picture')
+  echo "$out"
+  grep -q "python picture (240, 320, 4) 1" <<<"$out" || { echo "installed Python module failed"; exit 1; }
+else
+  echo "(no Python module in this tree)"
+fi
