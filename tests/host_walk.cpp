@@ -6,8 +6,10 @@
 #include <mutex>
 
 #include "audio_mixer.h"
+#include "audio_overview.h"
 #include "ff_tools.h"
 #include "ffdecoder2.h"
+#include "filmstrip.h"
 #include "movie_info.h"
 
 namespace hostwalk {
@@ -155,6 +157,16 @@ Report walk(const std::string& path, int async_wait_ms) {
     thumb.time = Rational(1, 1);
     thumb.format = ff::PF_YUV420P;
     r.thumbnail = picture_ok(ff::getMovieImage(path.c_str(), thumb, nullptr)) || r.thumbnail;
+
+    // The timeline tools over the whole file: a waveform, both filmstrips.
+    ff::getAudioOverview(path.c_str(), -1, Rational(1, 50));
+    ff::RequireFilmstrip strip;
+    strip.count = 3;
+    strip.width = 64;
+    for (bool fast : {false, true}) {
+        strip.fast = fast;
+        for (const ff::FilmstripPicture& p : ff::getFilmstrip(path.c_str(), strip)) r.pictures += picture_ok(p.picture);
+    }
     return r;
 }
 

@@ -2,7 +2,7 @@
 // every stream, pictures at several times (synchronous, asynchronous, other
 // formats, speed, reverse, a filter), audio spans (contiguous, far, another
 // rate, speed with a filter, metered and mixed), positioning, reopening, a
-// thumbnail, close. Used by the hostile-input tests and the fuzz targets: on
+// thumbnail, a waveform, filmstrips, close. Used by the hostile-input tests and the fuzz targets: on
 // any file it must answer without crashing, hanging or leaking.
 #pragma once
 
