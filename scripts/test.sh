@@ -29,3 +29,4 @@ TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/tests/t
   run_ctest build-tsan
 
 echo "all tests passed"
+scripts/test_ratio.py  # tests are kept to about a quarter to a third of the code
