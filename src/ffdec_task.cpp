@@ -235,7 +235,10 @@ void FFDec_Task::follow_direction(long long t, long long previous) {
     const bool backward_miss = t < previous && !frames.empty() && t < bets(frames.front());
     const bool told = plays_backward(owner) && (frames.empty() || t < bets(frames.front()));
     if (!(backward_miss || told) || reverse_budget == 0 || window_frames > 0 || stream->type != STREAM_VIDEO) return;
-    const size_t bytes = std::max<size_t>(frames.empty() ? picture_bytes() : frame_bytes(*frames.back()), 1);
+    // The window is counted in frames of the size decoded so far, or of the
+    // size the stream describes; with neither known it waits for a frame.
+    const size_t bytes = frames.empty() ? picture_bytes() : frame_bytes(*frames.back());
+    if (bytes == 0) return;
     window_frames = static_cast<unsigned>(std::min<size_t>(reverse_budget / bytes, kMaxWindowFrames));
     if (window_frames <= max_frames) window_frames = 0;  // the budget holds no more than the cache anyway
 }
