@@ -145,7 +145,10 @@ public:
         py::gil_scoped_release nogil;
         dec_.close();
     }
-    bool is_open() const { return dec_.isOpened(); }
+    bool is_open() const {
+        py::gil_scoped_release nogil;  // waits for a request of another thread to end
+        return dec_.isOpened();
+    }
     const ff::StreamCtx* stream() const { return dec_.streamContex(); }
     double speed() const { return dec_.speed(); }
     bool set_speed(double s) {
