@@ -46,6 +46,7 @@ extern "C" {
 #include "ffdecoder_private.h"
 #include "frame_records.h"
 #include "movie_info.h"
+#include "plain_ffmpeg.h"
 #include "rational.h"
 
 namespace {
@@ -118,80 +119,35 @@ void report_engine_counters(benchmark::State& state, const CounterSnapshot& befo
 
 // ------------------------------------------------------------ plain FFmpeg
 
-// The textbook loop: one demuxer, one decoder with threads "auto" (as the
-// library's instances open theirs), send/receive, packets of other streams
-// dropped.
+// The tool's own plain loop (tools/plain_ffmpeg.h: one demuxer, one decoder
+// with threads "auto", send/receive) on the file's best video stream,
+// counting what it decodes and seeks.
 class PlainDecoder {
 public:
-    PlainDecoder() = default;
-    ~PlainDecoder() {
-        av_packet_free(&pkt_);
-        avcodec_free_context(&codec_);
-        avformat_close_input(&fmt_);
-    }
-    PlainDecoder(const PlainDecoder&) = delete;
-    PlainDecoder& operator=(const PlainDecoder&) = delete;
-
-    bool open(const std::string& path) {
-        if (avformat_open_input(&fmt_, path.c_str(), nullptr, nullptr) != 0) return false;
-        if (avformat_find_stream_info(fmt_, nullptr) < 0) return false;
-        const AVCodec* codec = nullptr;
-        index_ = av_find_best_stream(fmt_, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
-        if (index_ < 0 || !codec) return false;
-        stream_ = fmt_->streams[index_];
-        codec_ = avcodec_alloc_context3(codec);
-        if (!codec_ || avcodec_parameters_to_context(codec_, stream_->codecpar) < 0) return false;
-        codec_->pkt_timebase = stream_->time_base;
-        AVDictionary* opts = nullptr;
-        av_dict_set(&opts, "threads", "auto", 0);
-        const int err = avcodec_open2(codec_, codec, &opts);
-        av_dict_free(&opts);
-        pkt_ = av_packet_alloc();
-        return err >= 0 && pkt_;
-    }
+    bool open(const std::string& path) { return plain_.open(path.c_str(), -1); }
 
     // 0 with `frame` filled, AVERROR_EOF after the last frame, or an error.
     int next(AVFrame* frame) {
-        for (;;) {
-            const int r = avcodec_receive_frame(codec_, frame);
-            if (r != AVERROR(EAGAIN)) {
-                if (r >= 0) ++decoded;
-                return r;
-            }
-            const int read = av_read_frame(fmt_, pkt_);
-            if (read == AVERROR_EOF) {
-                avcodec_send_packet(codec_, nullptr);  // drain
-                continue;
-            }
-            if (read < 0) return read;
-            int sent = 0;
-            if (pkt_->stream_index == index_) sent = avcodec_send_packet(codec_, pkt_);
-            av_packet_unref(pkt_);
-            if (sent < 0) return sent;
-        }
+        const int r = plain_.next(frame);
+        if (r >= 0) ++decoded;
+        return r;
     }
 
     // Key frame at or before `ts` (stream time base), decoder flushed.
     bool seek(int64_t ts) {
         ++seeks;
-        const int r = av_seek_frame(fmt_, index_, ts, AVSEEK_FLAG_BACKWARD);
-        avcodec_flush_buffers(codec_);
-        return r >= 0;
+        return plain_.seek(ts);
     }
 
-    AVStream* stream() const { return stream_; }
-    int64_t start_time() const { return stream_->start_time == AV_NOPTS_VALUE ? 0 : stream_->start_time; }
-    int64_t ts_per_sec() const { return stream_->time_base.den / std::max(stream_->time_base.num, 1); }
+    const AVStream* stream() const { return plain_.stream(); }
+    int64_t start_time() const { return plain_.start(); }
+    int64_t ts_per_sec() const { return plain_.ticks_per_second(); }
 
     uint64_t decoded = 0;
     uint64_t seeks = 0;
 
 private:
-    AVFormatContext* fmt_ = nullptr;
-    AVCodecContext* codec_ = nullptr;
-    AVStream* stream_ = nullptr;
-    AVPacket* pkt_ = nullptr;
-    int index_ = -1;
+    cli::PlainStream plain_;
 };
 
 struct FrameDeleter {

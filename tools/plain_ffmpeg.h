@@ -72,6 +72,7 @@ public:
         return sought >= 0;
     }
 
+    const AVStream* stream() const { return stream_; }
     AVRational time_base() const { return stream_->time_base; }
     int64_t start() const { return stream_->start_time == AV_NOPTS_VALUE ? 0 : stream_->start_time; }
     int64_t ticks_per_second() const { return stream_->time_base.den / std::max(stream_->time_base.num, 1); }
