@@ -269,6 +269,27 @@ std::shared_ptr<AVFrame> FFDec_Task::append_frame(const std::shared_ptr<AVFrame>
     return previous;
 }
 
+FFDec_Task::Start FFDec_Task::choose_start(long long t, Ts_ROUND r, std::shared_ptr<AVFrame>* hit) {
+    if (stream->type == STREAM_VIDEO && stream->still_image) {
+        // One picture whatever the time: the cached one, or decode it once
+        // from where the instance stands.
+        if (frames.empty()) return Start::Forward;
+        *hit = frames.front();
+        return Start::Cached;
+    }
+    if (frames.empty()) return Start::Seek;
+    // Within the cache the answer is there (or, past the back frame, one
+    // decode away). Up to two seconds past it, decoding on is cheaper than a
+    // seek, which must decode from a key frame anyway. Before the cache or
+    // further on, the cache is of no use: it goes, and the instance seeks.
+    if (frames.front()->pts <= t && (at_end || t <= frames.back()->pts + 2 * ts_per_sec)) {
+        *hit = get_frame_from_cache(t, r);
+        return *hit ? Start::Cached : Start::Forward;
+    }
+    clear_cache_frames();
+    return Start::Seek;
+}
+
 long long FFDec_Task::begin_ts() const {
     return stream->start_time != kNoPts && stream->start_time > 0 ? stream->start_time : 0;
 }
@@ -309,27 +330,13 @@ std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std
 
     const long long begin = begin_ts();
     long long s = std::max(t, begin);
-    bool seek_needed = true;
-    if (stream->type == STREAM_VIDEO && stream->still_image) {
-        // One picture whatever the time: the cached one, or decode it once.
-        if (!frames.empty()) {
-            if (frames.front()->pts != AV_NOPTS_VALUE) last_ts = frames.front()->pts;
-            return frames.front();
-        }
-        seek_needed = false;
-    } else if (!frames.empty()) {
-        const auto& front = frames.front();
-        const auto& back = frames.back();
-        if (front->pts <= t && (at_end || t <= back->pts + 2 * ts_per_sec)) {
-            if (auto hit = get_frame_from_cache(t, r)) {
-                last_ts = hit->pts;
-                return hit;
-            }
-            seek_needed = false;  // positioned after the back frame: decode forward
-        } else {
-            clear_cache_frames();
-        }
+    std::shared_ptr<AVFrame> hit;
+    const Start start = choose_start(t, r, &hit);
+    if (start == Start::Cached) {
+        if (hit->pts != AV_NOPTS_VALUE) last_ts = hit->pts;
+        return hit;
     }
+    const bool seek_needed = start == Start::Seek;
 
     bool seeked = false;
     // In backward play the frames before the window are decoded only as far

@@ -103,6 +103,12 @@ public:
 
 private:
     enum class SeekResult { Sought, Rewound, Lost };
+    // How a request starts: answered from the cache, by decoding on from
+    // where the instance stands, or by a seek.
+    enum class Start { Cached, Forward, Seek };
+    // The task's decision for a request at t (its reasoning beside it);
+    // `hit` receives the answer when it is cached. Clears a cache of no use.
+    Start choose_start(long long t, Ts_ROUND r, std::shared_ptr<AVFrame>* hit);
     // Takes over the instance and first frames the probe left for the
     // stream, if any: the first picture then needs no new open and no decode.
     bool adopt_probe_start();
