@@ -13,6 +13,7 @@ extern "C" {
 #include <libavutil/mathematics.h>
 }
 
+#include "cancel_flag.h"
 #include "ff_compat.h"
 #include "ff_ptr.h"
 #include "ffdec_instance.h"
@@ -38,8 +39,6 @@ constexpr AVRational kMicroseconds{1, 1000000};
 constexpr int64_t kStillMovieDuration = 40000;  // one frame at 25 fps
 
 std::atomic<bool> g_inited{false};
-
-bool cancelled(const std::atomic<bool>* cancel) { return cancel && cancel->load(); }
 
 bool set_or_measure_known(AVStream* st, long long movie_duration, bool unreliable) {
     if (!unreliable && st->duration != AV_NOPTS_VALUE) return true;

@@ -8,6 +8,7 @@ extern "C" {
 #include <climits>
 #include <functional>
 
+#include "cancel_flag.h"
 #include "ffdec_instance.h"
 #include "ff_ptr.h"
 #include "ffmpeg_error.h"
@@ -39,8 +40,6 @@ long long bets(const std::shared_ptr<AVFrame>& f) { return f->best_effort_timest
 void fix_pts(AVFrame* f) {
     if (f->pts == AV_NOPTS_VALUE) f->pts = f->best_effort_timestamp;
 }
-
-bool cancelled(const std::atomic<bool>* cancel) { return cancel && cancel->load(); }
 
 // Runs `work` with `lock` released and takes the lock back afterwards, also
 // when `work` throws.

@@ -7,6 +7,7 @@ extern "C" {
 #include <libavutil/mathematics.h>
 }
 
+#include "cancel_flag.h"
 #include "ff_ptr.h"
 #include "ff_tools.h"
 #include "ffdec_instance.h"
@@ -22,8 +23,6 @@ namespace ff {
 namespace {
 
 constexpr int kMaxStepsBack = 24;  // seeks that land after their target, before giving up on one picture
-
-bool cancelled(const std::atomic<bool>* cancel) { return cancel && cancel->load(); }
 
 long long stream_start(const StreamCtx& st) { return st.start_time == kNoPts ? 0 : st.start_time; }
 

@@ -9,6 +9,7 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
+#include "cancel_flag.h"
 #include "decode_counters.h"
 #include "log.h"
 
@@ -22,8 +23,6 @@ FrameScheduler* DecoderManager::pool_of(const StreamCtx* stream) {
 }
 
 namespace {
-
-bool cancelled(const std::atomic<bool>* cancel) { return cancel && cancel->load(); }
 
 // Walks are numbered so that a reservation names its owner.
 std::atomic<uint64_t> g_next_walk{1};
