@@ -1,11 +1,10 @@
 // Asynchronous requests: newest-wins queuing, cancellation, close while
-// requests wait, one worker per decoder, and a storm of requests from many
-// threads over many decoders with positioning, close and reopen.
+// requests wait, one worker per decoder. Many threads over many decoders are
+// the public stress test's.
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
-#include <random>
 #include <set>
 #include <thread>
 
@@ -158,59 +157,4 @@ TEST(DecoderAsync, FirstRequestsRacingCreateOneWorkerAndCallbacksMayClose) {
     });
     EXPECT_TRUE(closed.wait());
     dec.reset();
-}
-
-TEST(DecoderAsync, StormOfRequestsDeliversOnlyExactFreshPictures) {
-    const enginetest::VideoUnderTest videos[] = {enginetest::load_video("h264_cfr.mp4"),
-                                                 enginetest::load_video("vfr.mkv")};
-    constexpr int kDecoders = 4;
-    std::vector<std::unique_ptr<FFDecoder>> decoders;
-    std::vector<std::mutex> control(kDecoders);           // a close and the issuing of a request never overlap
-    std::vector<std::atomic<int>> epoch(kDecoders);       // bumped by every close
-    for (int i = 0; i < kDecoders; ++i) {
-        decoders.push_back(std::make_unique<FFDecoder>());
-        ASSERT_TRUE(decoders.back()->open(videos[i % 2].stream));
-        epoch[i] = 0;
-    }
-    std::atomic<int> wrong{0}, stale{0}, delivered{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            std::mt19937 rng(77 + t);
-            for (int n = 0; n < 600; ++n) {
-                const int i = static_cast<int>(rng() % kDecoders);
-                const auto& v = videos[i % 2];
-                const unsigned op = rng() % 50;
-                if (op == 0) {
-                    // close() returns only after the worker ended, so every
-                    // callback of an earlier request has run by then.
-                    std::lock_guard<std::mutex> lock(control[i]);
-                    decoders[i]->close();
-                    ++epoch[i];
-                    decoders[i]->reopen();
-                    continue;
-                }
-                if (op < 4) {
-                    decoders[i]->pri_seek(Rational(static_cast<long long>(rng() % 3000), 1000), op % 2 == 0);
-                    continue;
-                }
-                const long long ms = static_cast<long long>(rng() % 3200);
-                const RequireVideoFrame req = at_ms(ms);
-                const long long ts = time_to_timestamp(req.time, v.stream->time_base);
-                const int expected = enginetest::expect_down(v, ts).index;
-                std::lock_guard<std::mutex> lock(control[i]);
-                const int issued_epoch = epoch[i];
-                decoders[i]->getVideoFrameAsync(req, [&, i, expected, issued_epoch](std::shared_ptr<VFrameCtx> p) {
-                    ++delivered;
-                    if (testmedia::picture_index(*p) != expected) ++wrong;
-                    if (epoch[i] != issued_epoch) ++stale;  // issued before a close, answered after it
-                });
-            }
-        });
-    }
-    for (auto& th : threads) th.join();
-    for (auto& d : decoders) d->close();
-    EXPECT_EQ(wrong.load(), 0);
-    EXPECT_EQ(stale.load(), 0);
-    EXPECT_GT(delivered.load(), 0);
 }
