@@ -316,7 +316,9 @@ public:
     }
     bool write(py::object key, py::array samples, int volume) {
         std::shared_ptr<ff::PcmWriterBase> writer = mixer_.getBuffer(key.ptr());
-        keys_.append(key);  // the key's address names the source: kept alive with the mixer
+        // The key's address names the source: the key is kept alive with the
+        // mixer, once however many spans it writes.
+        keys_[py::int_(reinterpret_cast<uintptr_t>(key.ptr()))] = key;
         return writer && writer->write(record_of(samples, rate_, format_), volume);
     }
     py::object end(int channels) {
@@ -332,7 +334,7 @@ private:
     ff::SampleFormat format_;
     int rate_;
     ff::AudioMixer mixer_;
-    py::list keys_;
+    py::dict keys_;  // address -> key
 };
 
 int peak(py::array samples, const std::string& format, int scale) {
