@@ -276,4 +276,10 @@ TEST(DecoderApi, ClosedAndNeverOpenedDecodersAnswerNothing) {
     EXPECT_EQ(stale.pri_getVideoFrame(req, 0), nullptr);
     EXPECT_NE(log.take().find("> 异步取画面，已过时： 1 (serials=0)"), std::string::npos);
     EXPECT_NE(stale.pri_getVideoFrame(req, 1), nullptr);
+    FFDecoder audio;
+    ASSERT_TRUE(audio.open(stream_of("pcm_s16.wav", STREAM_AUDIO)));
+    audio.close();
+    ASSERT_TRUE(audio.reopen());
+    EXPECT_EQ(audio.pri_getAudioFrame(audio_request({3, 1}, {4, 1}, SF_FLT, 48000), 0), nullptr);
+    EXPECT_NE(log.take().find("> 异步取音频，已过时： 3 (serials=0)"), std::string::npos);
 }

@@ -263,7 +263,7 @@ TEST(Probe, FirstPictureAfterAProbeDecodesNothingTwice) {
             ASSERT_TRUE(audio.open(again->streams[again->audio_indexes[0]]));
             audio.close();
         } else {
-            mem_collection(0);
+            FFDecoder::memCollection(0);
         }
         EXPECT_EQ(parked.size(), 0u);
         FFDecoder dec;
