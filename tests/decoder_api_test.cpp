@@ -7,7 +7,7 @@
 #include <random>
 
 #include "decode_counters.h"
-#include "engine_support.h"
+#include "support.h"
 #include "ff_tools.h"
 #include "ffdecoder.h"
 #include "ffdecoder2.h"
@@ -192,7 +192,7 @@ TEST(DecoderApi, PositioningFetchesWithoutAnswerAndStartsANewRun) {
 // every video) and through this facade in the thumbnail, lifecycle and
 // stress tests; here what the facade adds for still pictures and dividers.
 TEST(DecoderApi, StillsAreKeptAndDividersFollowTheMode) {
-    const enginetest::VideoUnderTest v = enginetest::load_video("h264_cfr.mp4");
+    const testsupport::VideoUnderTest v = testsupport::load_video("h264_cfr.mp4");
     FFDecoder dec;
     ASSERT_TRUE(dec.open(v.stream));
     EXPECT_EQ(dec.streamContex(), v.stream);
@@ -246,7 +246,7 @@ TEST(DecoderApi, RawStreamWithoutTimestampsGivesTheFrameOfEachTime) {
 }
 
 TEST(DecoderApi, ClosedAndNeverOpenedDecodersAnswerNothing) {
-    const enginetest::VideoUnderTest v = enginetest::load_video("h264_cfr.mp4");
+    const testsupport::VideoUnderTest v = testsupport::load_video("h264_cfr.mp4");
     FFDecoder dec;
     RequireVideoFrame req;
     req.time = Rational(1, 1);

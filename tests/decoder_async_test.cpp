@@ -8,7 +8,7 @@
 #include <set>
 #include <thread>
 
-#include "engine_support.h"
+#include "support.h"
 #include "ffdecoder.h"
 
 using namespace ff;
@@ -46,7 +46,7 @@ RequireVideoFrame at_ms(long long ms) {
 }  // namespace
 
 TEST(DecoderAsync, NewestRequestReplacesTheWaitingOnes) {
-    const enginetest::VideoUnderTest v = enginetest::load_video("h264_cfr.mp4");
+    const testsupport::VideoUnderTest v = testsupport::load_video("h264_cfr.mp4");
     FFDecoder dec;
     ASSERT_TRUE(dec.open(v.stream));
     Gate first_running, release_first, last_done;
@@ -73,7 +73,7 @@ TEST(DecoderAsync, NewestRequestReplacesTheWaitingOnes) {
 }
 
 TEST(DecoderAsync, CancelledAndClosedRequestsNeverCallBack) {
-    const enginetest::VideoUnderTest v = enginetest::load_video("h264_cfr.mp4");
+    const testsupport::VideoUnderTest v = testsupport::load_video("h264_cfr.mp4");
     FFDecoder dec;
     ASSERT_TRUE(dec.open(v.stream));
     Gate running, release;
@@ -119,7 +119,7 @@ TEST(DecoderAsync, CancelledAndClosedRequestsNeverCallBack) {
 }
 
 TEST(DecoderAsync, FirstRequestsRacingCreateOneWorkerAndCallbacksMayClose) {
-    const enginetest::VideoUnderTest v = enginetest::load_video("vfr.mkv");
+    const testsupport::VideoUnderTest v = testsupport::load_video("vfr.mkv");
     auto dec = std::make_unique<FFDecoder>();
     ASSERT_TRUE(dec->open(v.stream));
     std::mutex mutex;

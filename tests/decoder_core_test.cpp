@@ -12,14 +12,14 @@ extern "C" {
 }
 
 #include "decode_counters.h"
-#include "engine_support.h"
+#include "support.h"
 #include "ffdec_instance.h"
 #include "ff_ptr.h"
 #include "ffdecoder_private.h"
 #include "scheduler.h"
 
 using namespace ff;
-using enginetest::VideoUnderTest;
+using testsupport::VideoUnderTest;
 
 namespace {
 
@@ -54,7 +54,7 @@ private:
 class DecoderExactness : public testing::TestWithParam<const char*> {};
 
 TEST_P(DecoderExactness, EveryTimestampGivesTheReferenceFrame) {
-    const VideoUnderTest v = enginetest::load_video(GetParam());
+    const VideoUnderTest v = testsupport::load_video(GetParam());
     ASSERT_NE(v.stream, nullptr);
     ASSERT_GT(v.reference.size(), 10u);
     FFDecoderPrivate d;
@@ -72,13 +72,13 @@ TEST_P(DecoderExactness, EveryTimestampGivesTheReferenceFrame) {
     times.push_back(v.reference.back().pts + 10 * second);
 
     for (long long t : times) {
-        const auto& down = enginetest::expect_down(v, t);
+        const auto& down = testsupport::expect_down(v, t);
         const auto got = d.get_frame(t, nullptr);
         ASSERT_NE(got, nullptr) << v.name << " t=" << t;
         ASSERT_EQ(testmedia::frame_index(got.get()), down.index) << v.name << " down t=" << t;
         ASSERT_EQ(got->pts, down.pts) << v.name << " t=" << t;
 
-        const auto& next = enginetest::expect_next(v, t);
+        const auto& next = testsupport::expect_next(v, t);
         const auto after = frame_after(d, t);
         ASSERT_NE(after, nullptr) << v.name << " t=" << t;
         ASSERT_EQ(testmedia::frame_index(after.get()), next.index) << v.name << " next t=" << t;
@@ -91,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(AllVideos, DecoderExactness,
                                          "vp9_opus.webm", "rotated.mp4", "subs.mkv", "nodecoder_first.mp4"));
 
 TEST(DecoderCore, CachedAnswersRunNoJobAndNearTargetsDecodeForward) {
-    const VideoUnderTest v = enginetest::load_video("h264_cfr.mp4");
+    const VideoUnderTest v = testsupport::load_video("h264_cfr.mp4");
     FFDecoderPrivate d;
     ASSERT_TRUE(d.open(v.stream));
     ASSERT_NE(d.get_frame(v.reference[10].pts, nullptr), nullptr);
@@ -115,7 +115,7 @@ TEST(DecoderCore, CachedAnswersRunNoJobAndNearTargetsDecodeForward) {
 }
 
 TEST(DecoderCore, DecodersOfOneStreamShareTheirWork) {
-    const VideoUnderTest v = enginetest::load_video("h264_cfr.mp4");
+    const VideoUnderTest v = testsupport::load_video("h264_cfr.mp4");
     ASSERT_EQ(v.reference.size(), 100u);
     for (int decoders : {1, 2, 8}) {
         std::vector<std::unique_ptr<FFDecoderPrivate>> all;
@@ -148,7 +148,7 @@ TEST(DecoderCore, DecodersOfOneStreamShareTheirWork) {
 }
 
 TEST(DecoderCore, PicturesAreScaledIntoPooledMemory) {
-    const VideoUnderTest v = enginetest::load_video("h264_cfr.mp4");
+    const VideoUnderTest v = testsupport::load_video("h264_cfr.mp4");
     FFDecoderPrivate d;
     ASSERT_TRUE(d.open(v.stream));
     const auto frame = d.get_frame(v.reference[50].pts, nullptr);

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "decode_counters.h"
-#include "engine_support.h"
+#include "support.h"
 #include "filmstrip.h"
 #include "rational_convert.h"
 
@@ -53,7 +53,7 @@ TEST(Filmstrip, ExactAndFastModesOnEveryVideoFile) {
     const char* files[] = {"h264_cfr.mp4", "h264_23976.mp4", "vfr.mkv",   "ts_offset.ts", "vp9_opus.webm",
                            "rotated.mp4",  "subs.mkv",       "long_gop.mp4", "nodecoder_first.mp4", "still.png"};
     for (const char* name : files) {
-        const enginetest::VideoUnderTest v = enginetest::load_video(name);
+        const testsupport::VideoUnderTest v = testsupport::load_video(name);
         ASSERT_NE(v.stream, nullptr) << name;
         const std::vector<Shown> frames = plain_frames(testmedia::path(name), v.stream->index);
         ASSERT_FALSE(frames.empty()) << name;

@@ -16,7 +16,7 @@
 #include <thread>
 
 #include "decode_counters.h"
-#include "engine_support.h"
+#include "support.h"
 #include "ffdec_task.h"
 #include "ff_tools.h"
 #include "ffdecoder2.h"
@@ -94,11 +94,11 @@ int index_of(const std::shared_ptr<VFrameCtx>& p) { return p ? testmedia::pictur
 class Video : public testing::Test {
 protected:
     void SetUp() override {
-        video = enginetest::load_video("h264_cfr.mp4");
+        video = testsupport::load_video("h264_cfr.mp4");
         ASSERT_NE(video.stream, nullptr);
     }
     size_t workers() { return g_decoder_mgr.pool_of(video.stream)->worker_count(); }
-    enginetest::VideoUnderTest video;
+    testsupport::VideoUnderTest video;
 };
 
 }  // namespace

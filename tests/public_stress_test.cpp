@@ -21,7 +21,7 @@
 #include <thread>
 #include <vector>
 
-#include "engine_support.h"
+#include "support.h"
 #include "ff_tools.h"
 #include "ffdecoder2.h"
 #include "media.h"
@@ -38,7 +38,7 @@ int stress_seconds() {
 }
 
 struct Source {
-    enginetest::VideoUnderTest video;   // empty stream for the audio ramp
+    testsupport::VideoUnderTest video;   // empty stream for the audio ramp
     const StreamCtx* audio = nullptr;
     long long length_ms = 4200;         // pictures are asked for before this
 };
@@ -55,9 +55,9 @@ struct Tally {
 
 const StreamCtx* stream_of(const Source& s) { return s.audio ? s.audio : s.video.stream; }
 
-int expected_index(const enginetest::VideoUnderTest& v, const Rational& t) {
+int expected_index(const testsupport::VideoUnderTest& v, const Rational& t) {
     const int64_t start = v.stream->start_time == kNoPts ? 0 : v.stream->start_time;
-    return enginetest::expect_down(v, start + time_to_timestamp(t, v.stream->time_base)).index;
+    return testsupport::expect_down(v, start + time_to_timestamp(t, v.stream->time_base)).index;
 }
 
 bool span_is_ramp(const AFrameCtx& a, long long first) {
@@ -122,9 +122,9 @@ void probe_new_path(const Source& src, int serial, Tally& tally) {
 
 TEST(PublicStress, ThreadsDecodersRequestsAndReopensNeverDeadlockOrMisanswer) {
     Source sources[4];
-    sources[0].video = enginetest::load_video("h264_cfr.mp4");
-    sources[1].video = enginetest::load_video("vfr.mkv");
-    sources[2].video = enginetest::load_video("long_gop.mp4");
+    sources[0].video = testsupport::load_video("h264_cfr.mp4");
+    sources[1].video = testsupport::load_video("vfr.mkv");
+    sources[2].video = testsupport::load_video("long_gop.mp4");
     sources[2].length_ms = 12000;
     MovieCtx* wav = getMovieInfo(testmedia::path("pcm_s16.wav").c_str(), nullptr);
     ASSERT_NE(wav, nullptr);

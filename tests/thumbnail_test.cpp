@@ -8,7 +8,7 @@
 #include <string>
 
 #include "decode_counters.h"
-#include "engine_support.h"
+#include "support.h"
 #include "ff_tools.h"
 #include "ffdecoder.h"
 #include "media.h"
@@ -64,7 +64,7 @@ TEST(Thumbnail, EveryVideoFileGivesThePredictedPictureAtTheDividedSize) {
     // 64x64: only the height limit of 50 bites: 64/2 = 32 -> 2.
     const Target targets[] = {{160, 120, 2, 1}, {100, 0, 4, 1}, {0, 50, 5, 2}, {0, 0, 1, 1}};
     for (const char* name : files) {
-        const enginetest::VideoUnderTest v = enginetest::load_video(name);
+        const testsupport::VideoUnderTest v = testsupport::load_video(name);
         ASSERT_NE(v.stream, nullptr) << name;
         ASSERT_FALSE(v.reference.empty()) << name;
         const MovieCtx* movie = v.stream->movie;
@@ -97,7 +97,7 @@ TEST(Thumbnail, EveryVideoFileGivesThePredictedPictureAtTheDividedSize) {
                 EXPECT_EQ(picture->width, d > 1 ? round_up(sw / d, 16) : sw) << where;
                 EXPECT_EQ(picture->height, d > 1 ? round_up(sh / d, 2) : sh) << where;
                 const long long ts = time_to_timestamp(wanted, v.stream->time_base) + start;
-                EXPECT_EQ(testmedia::picture_index(*picture), enginetest::expect_down(v, ts).index) << where;
+                EXPECT_EQ(testmedia::picture_index(*picture), testsupport::expect_down(v, ts).index) << where;
             }
             ++turn;
         }
