@@ -327,118 +327,123 @@ std::shared_ptr<AVFrame> FFDec_Task::pri_get_frame(long long t, bool locked, std
     if (!instance || broken) return {};
     follow_direction(t, previous);
 
-    const long long begin = begin_ts();
-    long long s = std::max(t, begin);
     std::shared_ptr<AVFrame> hit;
     const Start start = choose_start(t, r, &hit);
-    if (start == Start::Cached) {
-        if (hit->pts != AV_NOPTS_VALUE) last_ts = hit->pts;
-        return hit;
+    if (start == Start::Cached) return deliver(hit);
+    DecodeRun run;
+    run.t = t;
+    run.r = r;
+    run.begin = begin_ts();
+    run.s = std::max(t, run.begin);
+    run.step = ts_per_sec;
+    if (start == Start::Seek) {
+        if (!seek_to(lock, run)) return {};
+        run.floor = skip_before_window(t);
     }
-    const bool seek_needed = start == Start::Seek;
+    return deliver(decode_towards(lock, run, cancel));  // the guard notifies and unlocks
+}
 
-    bool seeked = false;
-    // In backward play the frames before the window are decoded only as far
-    // as later frames need them, and none of them is kept.
-    long long floor = AV_NOPTS_VALUE;
-    if (seek_needed) {
-        const SeekResult result = seek_unlocked(lock, s);
-        if (result == SeekResult::Lost) return {};
-        seeked = result == SeekResult::Sought && s != begin;
-        if (!seeked) at_begin = true;
-        floor = skip_before_window(t);
-    }
+std::shared_ptr<AVFrame> FFDec_Task::deliver(const std::shared_ptr<AVFrame>& answer) {
+    if (answer && answer->pts != AV_NOPTS_VALUE) last_ts = answer->pts;
+    return answer;
+}
 
+bool FFDec_Task::seek_to(std::unique_lock<std::mutex>& lock, DecodeRun& run) {
+    const SeekResult result = seek_unlocked(lock, run.s);
+    if (result == SeekResult::Lost) return false;
+    run.seeked = result == SeekResult::Sought && run.s != run.begin;
+    if (!run.seeked) at_begin = true;
+    return true;
+}
+
+std::shared_ptr<AVFrame> FFDec_Task::decode_towards(std::unique_lock<std::mutex>& lock, DecodeRun& run,
+                                                    std::atomic<bool>* cancel) {
     AVPacket* pkt = packet.get();
     std::shared_ptr<AVFrame> frame = create_avframe_ptr(av_frame_alloc());
     if (!pkt || !frame) return {};
-    int errors = 0;
-    int pre_tries = 0;
-    // Each correction goes twice as far back as the last, so that a stream
-    // whose first frame lies far after its start costs a few seeks, not one
-    // per second of the gap.
-    long long step = ts_per_sec;
-    std::shared_ptr<AVFrame> answer;
     for (;;) {
-        if (cancelled(cancel)) break;
+        if (cancelled(cancel)) return {};
         // The decoder runs without the task's mutex: only this job touches the
         // instance, and other requests meanwhile read the cache or wait.
         const int ret = decode_unlocked(lock, pkt, frame.get(), cancel);
         const bool eof = ret == AVERROR_EOF;
         if (ret < 0 && !eof) {
-            CLIPDEC_LOG(kLogError, kTagDefault, "failed to dec frame: %s", ffmpeg_error(ret));
-            if (seeked && pre_tries <= kMaxPreTries) {
-                ++pre_tries;
-                CLIPDEC_LOG(kLogDebug, kTagDefault, "seek pre without flush, try=%d", pre_tries);
-                without_lock(lock, [&] { return instance->seek(seek_point(s), false); });
-                decoded_since_start = s <= begin ? 0 : -1;
-                continue;
-            }
-            if (++errors > kMaxErrors) break;
-            CLIPDEC_LOG(kLogDebug, kTagDefault, "ret<0, try again (try_count=%d)", errors);
+            if (!retry_after_error(lock, run, ret)) return {};
             continue;
         }
         if (!eof) stamp_frame(frame.get());
-
-        if (seeked && (eof || frame->best_effort_timestamp > t)) {
-            // The seek landed after the target: further back, down to the start.
-            s = s - begin > step ? s - step : begin;
-            step = step > LLONG_MAX / 2 ? step : step * 2;
-            CLIPDEC_LOG(kLogDebug, kTagDefault, "---> seek (%lld), backward (1sec=%lld), ts=%lld", t, ts_per_sec, s);
-            const SeekResult result = seek_unlocked(lock, s);
-            if (result == SeekResult::Lost) break;
-            errors = pre_tries = 0;
-            if (s == begin || result == SeekResult::Rewound) {
-                seeked = false;
-                at_begin = true;
-            }
-            floor = skip_before_window(t);
+        if (run.seeked && (eof || frame->best_effort_timestamp > run.t)) {
+            if (!seek_further_back(lock, run)) return {};
             continue;
         }
-        if (!eof && floor != AV_NOPTS_VALUE && frame->best_effort_timestamp < floor) {
+        if (!eof && run.floor != AV_NOPTS_VALUE && frame->best_effort_timestamp < run.floor) {
             at_begin = false;  // the stream's first frames are not kept
             continue;
         }
-        if (eof && frames.empty() && floor != AV_NOPTS_VALUE) {
+        if (eof && frames.empty() && run.floor != AV_NOPTS_VALUE) {
             // Nothing at or after the window's start: once more, whole.
-            floor = AV_NOPTS_VALUE;
-            const SeekResult result = seek_unlocked(lock, s);
-            if (result == SeekResult::Lost) break;
-            seeked = result == SeekResult::Sought && s != begin;
-            if (!seeked) at_begin = true;
+            run.floor = AV_NOPTS_VALUE;
+            if (!seek_to(lock, run)) return {};
             continue;
         }
-        if (eof) {
-            at_end = true;
-            if (frames.empty()) {
-                CLIPDEC_LOG(kLogError, kTagDefault, "bad movie: unexpected eof");
-                broken = true;
-            } else {
-                answer = frames.back();
-            }
-            break;
-        }
-
-        const std::shared_ptr<AVFrame> previous = append_frame(frame);
-        const long long b = frame->best_effort_timestamp;
-        if (b == t && r == ROUND_DOWN) {
-            answer = frame;
-        } else if (b > t) {
-            answer = r == ROUND_NEXT ? frame : (previous ? previous : frame);
-        }
-        if (answer) {
-            if (answer->pts != AV_NOPTS_VALUE) last_ts = answer->pts;
-            return answer;  // the guard notifies and unlocks
-        }
+        if (eof) return end_of_stream();
+        if (std::shared_ptr<AVFrame> answer = keep_frame(run, frame)) return answer;
         // Let waiters look at the new frame before decoding on.
         cond.notify_all();
         frame = create_avframe_ptr(av_frame_alloc());
         if (!frame) return {};
-        errors = pre_tries = 0;
-        seeked = false;
+        run.errors = run.pre_tries = 0;
+        run.seeked = false;
     }
-    if (answer && answer->pts != AV_NOPTS_VALUE) last_ts = answer->pts;
-    return answer;
+}
+
+bool FFDec_Task::retry_after_error(std::unique_lock<std::mutex>& lock, DecodeRun& run, int ret) {
+    CLIPDEC_LOG(kLogError, kTagDefault, "failed to dec frame: %s", ffmpeg_error(ret));
+    if (run.seeked && run.pre_tries <= kMaxPreTries) {
+        ++run.pre_tries;
+        CLIPDEC_LOG(kLogDebug, kTagDefault, "seek pre without flush, try=%d", run.pre_tries);
+        without_lock(lock, [&] { return instance->seek(seek_point(run.s), false); });
+        decoded_since_start = run.s <= run.begin ? 0 : -1;
+        return true;
+    }
+    if (++run.errors > kMaxErrors) return false;
+    CLIPDEC_LOG(kLogDebug, kTagDefault, "ret<0, try again (try_count=%d)", run.errors);
+    return true;
+}
+
+bool FFDec_Task::seek_further_back(std::unique_lock<std::mutex>& lock, DecodeRun& run) {
+    // The seek landed after the target: further back, down to the start. Each
+    // correction goes twice as far back as the last, so that a stream whose
+    // first frame lies far after its start costs a few seeks, not one per
+    // second of the gap.
+    run.s = run.s - run.begin > run.step ? run.s - run.step : run.begin;
+    run.step = run.step > LLONG_MAX / 2 ? run.step : run.step * 2;
+    CLIPDEC_LOG(kLogDebug, kTagDefault, "---> seek (%lld), backward (1sec=%lld), ts=%lld", run.t, ts_per_sec, run.s);
+    const SeekResult result = seek_unlocked(lock, run.s);
+    if (result == SeekResult::Lost) return false;
+    run.errors = run.pre_tries = 0;
+    if (run.s == run.begin || result == SeekResult::Rewound) {
+        run.seeked = false;
+        at_begin = true;
+    }
+    run.floor = skip_before_window(run.t);
+    return true;
+}
+
+std::shared_ptr<AVFrame> FFDec_Task::end_of_stream() {
+    at_end = true;
+    if (!frames.empty()) return frames.back();
+    CLIPDEC_LOG(kLogError, kTagDefault, "bad movie: unexpected eof");
+    broken = true;
+    return {};
+}
+
+std::shared_ptr<AVFrame> FFDec_Task::keep_frame(const DecodeRun& run, const std::shared_ptr<AVFrame>& frame) {
+    const std::shared_ptr<AVFrame> previous = append_frame(frame);
+    const long long b = frame->best_effort_timestamp;
+    if (b == run.t && run.r == ROUND_DOWN) return frame;
+    if (b > run.t) return run.r == ROUND_NEXT ? frame : (previous ? previous : frame);
+    return {};
 }
 
 std::shared_ptr<AVFrame> FFDec_Task::get_frame(long long t, bool locked, std::atomic<bool>* cancel, Ts_ROUND r) {

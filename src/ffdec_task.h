@@ -141,6 +141,39 @@ private:
     // returns where the window starts (no picture before it may be kept);
     // AV_NOPTS_VALUE when everything is decoded.
     long long skip_before_window(long long t);
+    // One request that the cache does not answer: where it stands between
+    // the seeks and decodes of pri_get_frame's steps.
+    struct DecodeRun {
+        long long t = 0;              // the requested timestamp
+        Ts_ROUND r = ROUND_DOWN;
+        long long begin = 0;          // begin_ts()
+        long long s = 0;              // where the instance was last sent
+        long long step = 0;           // the next correction backwards
+        bool seeked = false;          // a seek put the instance somewhere not yet decoded from
+        // In backward play the frames before the window are decoded only as
+        // far as later frames need them, and none of them is kept.
+        long long floor = AV_NOPTS_VALUE;
+        int errors = 0;               // decode errors since the last good frame
+        int pre_tries = 0;            // re-seeks while awaiting the first frame after a seek
+    };
+    // Records the answer's timestamp as the last one delivered.
+    std::shared_ptr<AVFrame> deliver(const std::shared_ptr<AVFrame>& answer);
+    // Seeks to run.s; false when the instance is lost.
+    bool seek_to(std::unique_lock<std::mutex>& lock, DecodeRun& run);
+    // Decodes from where the instance stands until a frame answers the run
+    // (null on cancel, too many errors, a lost instance or an empty stream).
+    std::shared_ptr<AVFrame> decode_towards(std::unique_lock<std::mutex>& lock, DecodeRun& run,
+                                            std::atomic<bool>* cancel);
+    // After a decode error: re-seeks (while awaiting the first frame after a
+    // seek) or retries; false when the run gives up.
+    bool retry_after_error(std::unique_lock<std::mutex>& lock, DecodeRun& run, int ret);
+    bool seek_further_back(std::unique_lock<std::mutex>& lock, DecodeRun& run);
+    // The answer at the end of the stream: the last cached frame, or none
+    // (the task is then broken).
+    std::shared_ptr<AVFrame> end_of_stream();
+    // Caches a decoded frame; returns it, or the frame before it, when it
+    // answers the run.
+    std::shared_ptr<AVFrame> keep_frame(const DecodeRun& run, const std::shared_ptr<AVFrame>& frame);
     // Appends a decoded frame, dropping the oldest when the cache is over its
     // limit (so it holds at most cache_limit() + 1); returns the previous back.
     std::shared_ptr<AVFrame> append_frame(const std::shared_ptr<AVFrame>& frame);

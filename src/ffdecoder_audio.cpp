@@ -249,12 +249,15 @@ std::shared_ptr<AVFrame> take_span(FFDecoderPrivate* d, long long count) {
     return span;
 }
 
+// Rebuilds the decoder's filter from its own text.
+bool restart_filter(FFDecoderPrivate* d) {
+    const std::string text = d->filter_text;  // open_filter replaces the stored text
+    return d->open_filter(text.c_str());
+}
+
 std::shared_ptr<AFrameCtx> filter_and_convert(FFDecoderPrivate* d, std::shared_ptr<AVFrame> span,
                                               const RequireAudioFrame& req) {
-    if (d->filter_sample_fmt != span->format) {
-        const std::string text = d->filter_text;  // open_filter replaces the stored text
-        if (!d->open_filter(text.c_str())) return {};
-    }
+    if (d->filter_sample_fmt != span->format && !restart_filter(d)) return {};
     const int ret = excute_filting(d->filter, span);
     if (ret < 0) {
         CLIPDEC_LOG(kLogError, d->name, "excute filter failed: %s", ffmpeg_error(ret));
@@ -371,6 +374,14 @@ std::shared_ptr<AFrameCtx> serve_resampled(FFDecoderPrivate* d, const RequireAud
     return exact;
 }
 
+// A request that only positions: on a new run the frame at its start is
+// decoded, and so cached, ahead of the requests that follow.
+void position_run(FFDecoderPrivate* d, const RequireAudioFrame& req, bool new_run) {
+    const long long target = d->sec_to_stream_ts(req.range.begin);
+    if (new_run) d->get_frame(target, req.cancel);
+    CLIPDEC_LOG(kLogDebug, d->name, "Audio: seek... pos=%lld", new_run ? target : -1LL);
+}
+
 }  // namespace
 
 bool is_audio_ts_discontinuous(FFDecoderPrivate* d, const RequireAudioFrame& req) {
@@ -397,10 +408,7 @@ std::shared_ptr<AFrameCtx> serve_audio_request(FFDecoderPrivate* d, const Requir
     // A filter (a tempo change above all) keeps state from the audio it saw:
     // a new run starts it afresh, so that a position sounds the same however
     // it was reached.
-    if (new_run && d->filter && !is_seek_only(req.format)) {
-        const std::string text = d->filter_text;
-        if (!d->open_filter(text.c_str())) return {};
-    }
+    if (new_run && d->filter && !is_seek_only(req.format) && !restart_filter(d)) return {};
 
     // Both ends counted from the start of the run: no rounding drift.
     const long long end_pos = time_to_timestamp(req.range.end - d->audio_start, Rational(1, st->sample_rate));
@@ -408,9 +416,7 @@ std::shared_ptr<AFrameCtx> serve_audio_request(FFDecoderPrivate* d, const Requir
     d->audio_pos = end_pos;
 
     if (is_seek_only(req.format)) {
-        const long long target = d->sec_to_stream_ts(req.range.begin);
-        if (new_run) d->get_frame(target, req.cancel);
-        CLIPDEC_LOG(kLogDebug, d->name, "Audio: seek... pos=%lld", new_run ? target : -1LL);
+        position_run(d, req, new_run);
         return {};
     }
     if (resamples(d, req)) return serve_resampled(d, req, new_run);

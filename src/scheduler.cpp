@@ -254,6 +254,65 @@ T AbstractScheduler<T>::await_worker(iWorker* w, std::unique_lock<std::mutex>& l
 }
 
 template <typename T>
+typename AbstractScheduler<T>::Choice AbstractScheduler<T>::choose_worker(long long ts, bool next, int owner_id,
+                                                                         uint64_t walk) {
+    Choice choice;
+    std::shared_lock<std::shared_timed_mutex> pool(pool_mutex);
+    if (workers.empty()) {
+        choice.kind = Choice::NoWorkers;
+        return choice;
+    }
+    for (iWorker* w : order_workers(ts, next, owner_id)) {
+        std::unique_lock<std::mutex> lock(w->mutex);
+        if (w->is_contain(ts, next)) {
+            choice.kind = Choice::Hit;
+            choice.answer = w->get_exist_resource(ts, next);
+            return choice;
+        }
+        const bool free = !w->busy && w->reserved_by == 0;
+        const bool heading_here = w->has_target && w->target_ts == ts && w->target_next == next;
+        if (heading_here || w->will_contain(ts)) {
+            choice.worker = w;
+            if (free) {
+                choice.kind = Choice::Run;
+                w->reserved_by = walk;
+                name_target(w, ts, next);
+            } else {
+                // Counted before the pool lock goes, so no removal can
+                // delete the worker before this request waits on it.
+                choice.kind = Choice::Await;
+                ++w->waiters;
+            }
+            return choice;
+        }
+        if (free) {
+            w->reserved_by = walk;
+            choice.candidates.push_back(w);
+        }
+    }
+    return choice;
+}
+
+template <typename T>
+void AbstractScheduler<T>::name_target(iWorker* w, long long ts, bool next) {
+    w->has_target = true;
+    w->target_ts = ts;
+    w->target_next = next;
+}
+
+template <typename T>
+typename AbstractScheduler<T>::iWorker* AbstractScheduler<T>::take_first_candidate(std::vector<iWorker*>& candidates,
+                                                                                   long long ts, bool next) {
+    iWorker* chosen = candidates.front();
+    candidates.erase(candidates.begin());
+    // Named before the other candidates go, so that a request for the same
+    // frame arriving now waits for this job instead of starting one.
+    std::lock_guard<std::mutex> guard(chosen->mutex);
+    name_target(chosen, ts, next);
+    return chosen;
+}
+
+template <typename T>
 T AbstractScheduler<T>::do_working(long long ts, std::atomic<bool>* cancel, bool next, int owner_id,
                                    const char* who) {
     const uint64_t walk = g_next_walk.fetch_add(1);
@@ -262,82 +321,43 @@ T AbstractScheduler<T>::do_working(long long ts, std::atomic<bool>* cancel, bool
         // Only the first round is unconditional: a request cancelled while it
         // looped for a free worker ends here instead of starting a job.
         if (round > 0 && cancelled(cancel)) return T();
-        uint64_t epoch;
-        {
-            std::lock_guard<std::mutex> guard(idle_mutex);
-            epoch = idle_epoch;
-        }
-
-        std::shared_lock<std::shared_timed_mutex> pool(pool_mutex);
-        if (workers.empty()) {
+        const uint64_t epoch = current_epoch();
+        Choice choice = choose_worker(ts, next, owner_id, walk);
+        if (choice.kind == Choice::NoWorkers) {
             CLIPDEC_LOG(kLogDebug, who ? who : kTagDefault, "worker-list empty");
             return T();
         }
-        std::vector<iWorker*> candidates;
-        iWorker* chosen = nullptr;
-        iWorker* awaited = nullptr;
-        for (iWorker* w : order_workers(ts, next, owner_id)) {
-            std::unique_lock<std::mutex> lock(w->mutex);
-            if (w->is_contain(ts, next)) {
-                T answer = w->get_exist_resource(ts, next);
-                lock.unlock();
-                pool.unlock();
-                release_candidates(candidates, walk);
-                count(decode_counters().cache_hits);
-                return answer;
-            }
-            const bool free = !w->busy && w->reserved_by == 0;
-            const bool heading_here = w->has_target && w->target_ts == ts && w->target_next == next;
-            if (heading_here || w->will_contain(ts)) {
-                if (free) {
-                    w->reserved_by = walk;
-                    w->has_target = true;
-                    w->target_ts = ts;
-                    w->target_next = next;
-                    chosen = w;
-                } else {
-                    // Counted before the pool lock goes, so no removal can
-                    // delete the worker before this request waits on it.
-                    ++w->waiters;
-                    awaited = w;
-                }
-                break;
-            }
-            if (free) {
-                w->reserved_by = walk;
-                candidates.push_back(w);
-            }
+        if (choice.kind == Choice::Hit) {
+            release_candidates(choice.candidates, walk);
+            count(decode_counters().cache_hits);
+            return choice.answer;
         }
-        pool.unlock();
-
-        if (awaited) {
+        if (choice.kind == Choice::Await) {
             // Reservations are never held while waiting, so two requests can
             // never wait on each other.
-            release_candidates(candidates, walk);
+            release_candidates(choice.candidates, walk);
             count(decode_counters().waits);
-            std::unique_lock<std::mutex> lock(awaited->mutex);
+            std::unique_lock<std::mutex> lock(choice.worker->mutex);
             bool gave_up = false;
-            T answer = await_worker(awaited, lock, ts, cancel, next, owner_id, &gave_up);
+            T answer = await_worker(choice.worker, lock, ts, cancel, next, owner_id, &gave_up);
             if (!gave_up) return answer;
             continue;
         }
-        if (!chosen && !candidates.empty()) {
-            chosen = candidates.front();
-            candidates.erase(candidates.begin());
-            // Named before the other candidates go, so that a request for the
-            // same frame arriving now waits for this job instead of starting one.
-            std::lock_guard<std::mutex> guard(chosen->mutex);
-            chosen->has_target = true;
-            chosen->target_ts = ts;
-            chosen->target_next = next;
-        }
-        release_candidates(candidates, walk);
+        iWorker* chosen = choice.worker;
+        if (!chosen && !choice.candidates.empty()) chosen = take_first_candidate(choice.candidates, ts, next);
+        release_candidates(choice.candidates, walk);
         if (chosen) {
             std::unique_lock<std::mutex> lock(chosen->mutex);
             return run_job(chosen, lock, ts, cancel, next, owner_id);
         }
         wait_for_change(epoch);
     }
+}
+
+template <typename T>
+uint64_t AbstractScheduler<T>::current_epoch() {
+    std::lock_guard<std::mutex> guard(idle_mutex);
+    return idle_epoch;
 }
 
 template class AbstractScheduler<std::shared_ptr<AVFrame>>;

@@ -107,6 +107,23 @@ private:
         bool own;
     };
 
+    // One walk over the pool, in order_workers' preference, with the pool
+    // mutex held shared: a worker holding the frame answers at once; the
+    // first worker holding or decoding towards it is taken (reserved, when
+    // free) or awaited (counted as a waiter, when busy); free workers passed
+    // on the way are reserved as candidates.
+    struct Choice {
+        enum Kind { Candidates, NoWorkers, Hit, Run, Await } kind = Candidates;
+        T answer;                            // Hit
+        iWorker* worker = nullptr;           // Run, Await
+        std::vector<iWorker*> candidates;    // reserved by the walk
+    };
+    Choice choose_worker(long long ts, bool next, int owner_id, uint64_t walk);
+    // Marks `w` (its mutex held) as chosen for the frame at ts.
+    static void name_target(iWorker* w, long long ts, bool next);
+    // Takes the first candidate for the job, naming its target at once.
+    iWorker* take_first_candidate(std::vector<iWorker*>& candidates, long long ts, bool next);
+    uint64_t current_epoch();
     std::vector<iWorker*> order_workers(long long ts, bool next, int owner_id);
     void release_candidates(std::vector<iWorker*>& candidates, uint64_t walk);
     // Starts the job on `w`, whose mutex `lock` holds (the worker is free or
