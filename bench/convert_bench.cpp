@@ -49,31 +49,36 @@ void BM_Convert_ToRgba(benchmark::State& state) {
     const auto format = static_cast<AVPixelFormat>(state.range(0));
     const bool faithful = state.range(1) != 0;
     ff::UniqueAVFrame frame = pattern_frame(format);
-    SwsContext* sws = nullptr;
+    ff::UniqueSwsContext sws;
     ff::ScalerSettings current;
     ff::ScalerSettings wanted = ff::scaler_settings_for(*frame, kWidth, kHeight, AV_PIX_FMT_RGBA);
+    // prepare_scaler works on the decoder's own raw field: the owner lends
+    // the context for the call and takes back what it leaves.
+    const auto prepare = [&] {
+        SwsContext* raw = sws.release();
+        ff::prepare_scaler(&raw, &current, wanted);
+        sws.reset(raw);
+    };
     if (!faithful) {
         wanted = ff::ScalerSettings();
-        sws = sws_getContext(kWidth, kHeight, format, kWidth, kHeight, AV_PIX_FMT_RGBA, SWS_FAST_BILINEAR, nullptr,
-                             nullptr, nullptr);
+        sws.reset(sws_getContext(kWidth, kHeight, format, kWidth, kHeight, AV_PIX_FMT_RGBA, SWS_FAST_BILINEAR,
+                                 nullptr, nullptr, nullptr));
     } else {
-        ff::prepare_scaler(&sws, &current, wanted);
+        prepare();
     }
     if (!frame || !sws) {
         state.SkipWithError("no frame or no scaler");
-        sws_freeContext(sws);
         return;
     }
     std::vector<uint8_t> rgba(static_cast<size_t>(kWidth) * kHeight * 4);
     uint8_t* dst[4] = {rgba.data()};
     int dst_linesize[4] = {kWidth * 4};
     for (auto _ : state) {
-        if (faithful) ff::prepare_scaler(&sws, &current, wanted);  // the per-picture check the decoder makes
-        sws_scale(sws, frame->data, frame->linesize, 0, kHeight, dst, dst_linesize);
+        if (faithful) prepare();  // the per-picture check the decoder makes
+        sws_scale(sws.get(), frame->data, frame->linesize, 0, kHeight, dst, dst_linesize);
         benchmark::DoNotOptimize(rgba.data());
     }
     state.SetLabel(std::string(av_get_pix_fmt_name(format)) + (faithful ? " faithful" : " default"));
-    sws_freeContext(sws);
 }
 
 void conversion_cases(benchmark::internal::Benchmark* b) {

@@ -243,7 +243,7 @@ void BM_Seq_Plain(benchmark::State& state) {
     for (auto _ : state) {
         state.PauseTiming();
         auto dec = std::make_unique<PlainDecoder>();
-        FramePtr frame(av_frame_alloc());
+        ff::UniqueAVFrame frame(av_frame_alloc());
         if (!dec->open(bench_file()) || !frame) {
             state.SkipWithError("plain open failed");
             return;
@@ -320,7 +320,7 @@ void BM_Rgba_Plain(benchmark::State& state) {
     for (auto _ : state) {
         state.PauseTiming();
         auto dec = std::make_unique<PlainDecoder>();
-        FramePtr frame(av_frame_alloc());
+        ff::UniqueAVFrame frame(av_frame_alloc());
         if (!dec->open(bench_file()) || !frame) {
             state.SkipWithError("plain open failed");
             return;
@@ -416,7 +416,7 @@ bool engine_pass(const ff::StreamCtx* sc, int divider, Pass* out) {
 // buffer of the engine's picture size).
 bool plain_pass(int divider, Pass* out) {
     auto dec = std::make_unique<PlainDecoder>();
-    FramePtr frame(av_frame_alloc());
+    ff::UniqueAVFrame frame(av_frame_alloc());
     if (!dec->open(bench_file()) || !frame) return false;
     int out_w = 0;
     int out_h = 0;

@@ -64,18 +64,17 @@ bool first_picture(int side, const std::string& path, AVFrame* frame) {
 void BM_FirstPicture(benchmark::State& state) {
     const std::string file = benchmedia::path("bench_1080p.mp4");
     if (access(file.c_str(), R_OK) != 0) return state.SkipWithError("bench media missing: run scripts/bench.sh");
-    AVFrame* frame = av_frame_alloc();
+    ff::UniqueAVFrame frame(av_frame_alloc());
     for (auto _ : state) {
         state.PauseTiming();
         const std::string link = fresh_link(file);
         state.ResumeTiming();
-        if (!first_picture(static_cast<int>(state.range(0)), link, frame)) state.SkipWithError("no picture");
+        if (!first_picture(static_cast<int>(state.range(0)), link, frame.get())) state.SkipWithError("no picture");
         state.PauseTiming();
-        av_frame_unref(frame);
+        av_frame_unref(frame.get());
         unlink(link.c_str());
         state.ResumeTiming();
     }
-    av_frame_free(&frame);
 }
 
 // PyAV's figures come from a child process that prints one time per trial.
@@ -110,10 +109,9 @@ void BM_Import(benchmark::State& state) {
         state.ResumeTiming();
         std::atomic<int> next{0}, failed{0};
         auto import = [&] {
-            AVFrame* frame = av_frame_alloc();
-            for (int i; (i = next++) < kFiles; av_frame_unref(frame))
-                if (!first_picture(side, links[i], frame)) ++failed;
-            av_frame_free(&frame);
+            ff::UniqueAVFrame frame(av_frame_alloc());
+            for (int i; (i = next++) < kFiles; av_frame_unref(frame.get()))
+                if (!first_picture(side, links[i], frame.get())) ++failed;
         };
         std::thread other(import);
         import();
@@ -187,22 +185,21 @@ void BM_FirstPictureSteps(benchmark::State& state) {
     if (access(file.c_str(), R_OK) != 0) return state.SkipWithError("bench media missing: run scripts/bench.sh");
     const bool plain = state.range(0) == 0;
     double ms[4] = {};
-    AVFrame* frame = av_frame_alloc();
+    ff::UniqueAVFrame frame(av_frame_alloc());
     for (auto _ : state) {
         state.PauseTiming();
         const std::string link = fresh_link(file);
         state.ResumeTiming();
         if (plain) {
-            plain_steps(link, frame, ms);
+            plain_steps(link, frame.get(), ms);
         } else {
             clipdec_steps(link, ms);
         }
         state.PauseTiming();
-        av_frame_unref(frame);
+        av_frame_unref(frame.get());
         unlink(link.c_str());
         state.ResumeTiming();
     }
-    av_frame_free(&frame);
     const double n = static_cast<double>(state.iterations());
     const char* const plain_names[] = {"open_ms", "stream_info_ms", "decoder_ms", "first_frame_ms"};
     const char* const clipdec_names[] = {"probe_ms", "open_ms", "picture_ms"};

@@ -22,9 +22,9 @@ namespace {
 bool plain_decode_all(const std::string& path) {
     cli::PlainStream plain;
     if (!plain.open(path.c_str(), -1, AVMEDIA_TYPE_AUDIO)) return false;
-    AVFrame* frame = av_frame_alloc();
-    while (plain.next(frame) == 0) av_frame_unref(frame);
-    av_frame_free(&frame);
+    ff::UniqueAVFrame frame(av_frame_alloc());
+    if (!frame) return false;
+    while (plain.next(frame.get()) == 0) av_frame_unref(frame.get());
     return true;
 }
 

@@ -1,5 +1,7 @@
 #include "color_conversion.h"
 
+#include "ff_ptr.h"
+
 extern "C" {
 #include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
@@ -135,7 +137,8 @@ SwsContext* prepare_scaler(SwsContext** sws, ScalerSettings* current, const Scal
                              sws_isSupportedOutput(wanted.dst_format) > 0 && wanted.src_width > 0 &&
                              wanted.src_height > 0 && wanted.dst_width > 0 && wanted.dst_height > 0;
     if (!convertible) return nullptr;
-    SwsContext* ctx = sws_alloc_context();
+    UniqueSwsContext owned(sws_alloc_context());
+    SwsContext* ctx = owned.get();
     if (!ctx) return nullptr;
     // The ranges go in before initialisation: libswscale sets up its range
     // conversion there, and for sources above 8 bits only there.
@@ -147,17 +150,14 @@ SwsContext* prepare_scaler(SwsContext** sws, ScalerSettings* current, const Scal
         av_opt_set_int(ctx, "sws_flags", wanted.flags, 0) >= 0 &&
         av_opt_set_int(ctx, "src_range", wanted.src_full_range ? 1 : 0, 0) >= 0 &&
         av_opt_set_int(ctx, "dst_range", wanted.dst_full_range ? 1 : 0, 0) >= 0;
-    if (!configured || sws_init_context(ctx, nullptr, nullptr) < 0) {
-        sws_freeContext(ctx);
-        return nullptr;
-    }
+    if (!configured || sws_init_context(ctx, nullptr, nullptr) < 0) return nullptr;
     // The matrices: libswscale otherwise takes every source as BT.601. (Its
     // answer is not checked: between two YUV formats of one matrix it reports
     // that there was nothing to change.)
     sws_setColorspaceDetails(ctx, sws_getCoefficients(sws_matrix(wanted.src_matrix)), wanted.src_full_range ? 1 : 0,
                              sws_getCoefficients(sws_matrix(wanted.dst_matrix)), wanted.dst_full_range ? 1 : 0, 0,
                              1 << 16, 1 << 16);
-    *sws = ctx;
+    *sws = owned.release();
     *current = wanted;
     return ctx;
 }

@@ -1,15 +1,21 @@
 // Owning pointers for FFmpeg objects: one deleter per type, so every error
 // path frees what it took. Used everywhere inside the library except where a
-// record fixes a raw field.
+// record fixes a raw field (the decoder's scaler, sample queue and resampler,
+// a filter manager's graph, the mixer writer's queue), and by the tool and the
+// benchmarks for their plain FFmpeg loops.
 #pragma once
 
 #include <memory>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavfilter/avfilter.h>
 #include <libavformat/avformat.h>
+#include <libavutil/audio_fifo.h>
 #include <libavutil/dict.h>
 #include <libavutil/frame.h>
+#include <libswresample/swresample.h>
+#include <libswscale/swscale.h>
 }
 
 namespace ff {
@@ -33,12 +39,34 @@ struct AVBufferRefDeleter {
     void operator()(AVBufferRef* p) const { av_buffer_unref(&p); }
 };
 
+struct SwsContextDeleter {
+    void operator()(SwsContext* p) const { sws_freeContext(p); }
+};
+struct SwrContextDeleter {
+    void operator()(SwrContext* p) const { swr_free(&p); }  // closes the resampler first
+};
+struct AVAudioFifoDeleter {
+    void operator()(AVAudioFifo* p) const { av_audio_fifo_free(p); }
+};
+struct AVFilterGraphDeleter {
+    void operator()(AVFilterGraph* p) const { avfilter_graph_free(&p); }
+};
+// Frees the whole list from `p` on.
+struct AVFilterInOutDeleter {
+    void operator()(AVFilterInOut* p) const { avfilter_inout_free(&p); }
+};
+
 using UniqueAVFormatInput = std::unique_ptr<AVFormatContext, AVFormatInputDeleter>;
 using UniqueAVCodecContext = std::unique_ptr<AVCodecContext, AVCodecContextDeleter>;
 using UniqueAVFrame = std::unique_ptr<AVFrame, AVFrameDeleter>;
 using UniqueAVPacket = std::unique_ptr<AVPacket, AVPacketDeleter>;
 using UniqueAVDictionary = std::unique_ptr<AVDictionary, AVDictionaryDeleter>;
 using UniqueAVBufferRef = std::unique_ptr<AVBufferRef, AVBufferRefDeleter>;
+using UniqueSwsContext = std::unique_ptr<SwsContext, SwsContextDeleter>;
+using UniqueSwrContext = std::unique_ptr<SwrContext, SwrContextDeleter>;
+using UniqueAVAudioFifo = std::unique_ptr<AVAudioFifo, AVAudioFifoDeleter>;
+using UniqueAVFilterGraph = std::unique_ptr<AVFilterGraph, AVFilterGraphDeleter>;
+using UniqueAVFilterInOut = std::unique_ptr<AVFilterInOut, AVFilterInOutDeleter>;
 
 inline UniqueAVFrame make_frame() { return UniqueAVFrame(av_frame_alloc()); }
 inline UniqueAVPacket make_packet() { return UniqueAVPacket(av_packet_alloc()); }

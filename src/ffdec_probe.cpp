@@ -292,12 +292,12 @@ MovieCtx* probe_movie(const char* path, std::atomic<bool>* cancel) {
     }
 
     AVFormatContext* raw = nullptr;
-    if (avformat_open_input(&raw, path, nullptr, nullptr) != 0) {
-        avformat_close_input(&raw);
+    const int opened = avformat_open_input(&raw, path, nullptr, nullptr);
+    UniqueAVFormatInput fmt(raw);  // null after a failed open, which frees its own context
+    if (opened != 0) {
         CLIPDEC_LOG(kLogError, kTagDefault, "can't open input file: %s", path);
         return nullptr;
     }
-    UniqueAVFormatInput fmt(raw);
     auto* mv = new MovieCtx();
     mv->path = av_strdup(path);
     avformat_find_stream_info(fmt.get(), nullptr);

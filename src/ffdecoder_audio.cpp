@@ -293,12 +293,9 @@ ResampleStart plan_resampled_start(long long n, int in_rate, int out_rate) {
 
 bool ensure_out_queue(FFDecoderPrivate* d, const RequireAudioFrame& req) {
     const auto format = static_cast<AVSampleFormat>(samplefmt_to_avsamplefmt(req.format));
-    if (d->out_fifo && (d->out_fifo_format != format || d->out_fifo_channels != req.channels)) {
-        av_audio_fifo_free(d->out_fifo);
-        d->out_fifo = nullptr;
-    }
+    if (d->out_fifo && (d->out_fifo_format != format || d->out_fifo_channels != req.channels)) d->out_fifo.reset();
     if (!d->out_fifo) {
-        d->out_fifo = av_audio_fifo_alloc(format, req.channels, 1024);
+        d->out_fifo.reset(av_audio_fifo_alloc(format, req.channels, 1024));
         d->out_fifo_format = format;
         d->out_fifo_channels = req.channels;
     }
@@ -310,7 +307,7 @@ bool queue_converted(FFDecoderPrivate* d, const std::shared_ptr<AFrameCtx>& conv
     if (!converted) return false;
     const long long dropped = std::min<long long>(d->resample_drop, converted->nb_samples);
     d->resample_drop -= dropped;
-    return write_samples(d->out_fifo, converted->data, converted->format, converted->channels,
+    return write_samples(d->out_fifo.get(), converted->data, converted->format, converted->channels,
                          static_cast<int>(dropped), converted->nb_samples - static_cast<int>(dropped)) >= 0;
 }
 
@@ -325,7 +322,7 @@ RunStart begin_resampled_run(FFDecoderPrivate* d, const RequireAudioFrame& req) 
         const auto format = static_cast<AVSampleFormat>(d->out_fifo_format);
         auto quiet = create_avframe_with(req.channels, req.sample_rate, format,
                                          static_cast<int>(std::min<long long>(-first_output, kSilenceLimit)));
-        if (quiet) write_to_queue(d->out_fifo, quiet.get());
+        if (quiet) write_to_queue(d->out_fifo.get(), quiet.get());
         first_output = 0;
     }
     const ResampleStart plan = plan_resampled_start(first_output, st->sample_rate, req.sample_rate);
@@ -348,9 +345,9 @@ std::shared_ptr<AFrameCtx> serve_resampled(FFDecoderPrivate* d, const RequireAud
     const long long out_need = out_end - d->out_pos;
     if (out_need <= 0 || out_need > kMaxRequestSamples) return {};
 
-    while (av_audio_fifo_size(d->out_fifo) < out_need && !d->resample_flushed) {
+    while (av_audio_fifo_size(d->out_fifo.get()) < out_need && !d->resample_flushed) {
         if (req.cancel && req.cancel->load()) break;
-        const long long missing = out_need - av_audio_fifo_size(d->out_fifo) + d->resample_drop;
+        const long long missing = out_need - av_audio_fifo_size(d->out_fifo.get()) + d->resample_drop;
         const long long chunk =
             std::clamp<long long>(av_rescale(missing, st->sample_rate, req.sample_rate) + 256, 256, kMaxResampleChunk);
         const bool filled = fill_queue(d, chunk, start, req.cancel);
@@ -363,11 +360,11 @@ std::shared_ptr<AFrameCtx> serve_resampled(FFDecoderPrivate* d, const RequireAud
             d->resample_flushed = true;
         }
     }
-    const long long deliver = std::min<long long>(out_need, av_audio_fifo_size(d->out_fifo));
+    const long long deliver = std::min<long long>(out_need, av_audio_fifo_size(d->out_fifo.get()));
     if (deliver <= 0) return {};
     std::shared_ptr<AFrameCtx> exact = create_audioframe_ctx(req, static_cast<int>(deliver));
     if (!exact) return {};
-    const int got = av_audio_fifo_read(d->out_fifo, reinterpret_cast<void**>(exact->data), static_cast<int>(deliver));
+    const int got = av_audio_fifo_read(d->out_fifo.get(), reinterpret_cast<void**>(exact->data), static_cast<int>(deliver));
     if (got <= 0) return {};
     exact->nb_samples = got;
     d->out_pos += got;
@@ -392,7 +389,7 @@ bool is_audio_ts_discontinuous(FFDecoderPrivate* d, const RequireAudioFrame& req
     d->queued_end = FFDecoderPrivate::kNoSample;
     d->audio_start = req.range.begin;
     if (d->fifo) av_audio_fifo_reset(d->fifo);
-    if (d->out_fifo) av_audio_fifo_reset(d->out_fifo);
+    if (d->out_fifo) av_audio_fifo_reset(d->out_fifo.get());
     d->out_pos = 0;
     // Positioning leaves no run to continue: the request after it seeks.
     d->audio_run_live = !is_seek_only(req.format);

@@ -232,8 +232,7 @@ std::unique_ptr<AsyncHelper> FFDecoderPrivate::detach_async() {
 void FFDecoderPrivate::reset_resampler_fifo() {
     if (fifo) av_audio_fifo_free(fifo);
     fifo = nullptr;
-    if (out_fifo) av_audio_fifo_free(out_fifo);
-    out_fifo = nullptr;
+    out_fifo.reset();
     out_pos = 0;
     span_frame.reset();
     span_capacity = 0;

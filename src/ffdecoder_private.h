@@ -25,6 +25,7 @@ extern "C" {
 }
 
 #include "color_conversion.h"
+#include "ff_ptr.h"
 #include "frame_records.h"
 #include "range.h"
 #include "rational.h"
@@ -130,7 +131,7 @@ public:
     // Converted samples carried from one audio request to the next, so that a
     // run of contiguous requests at another rate than the stream's gets
     // exactly the sample count of each span (the resampler holds some back).
-    AVAudioFifo* out_fifo = nullptr;
+    UniqueAVAudioFifo out_fifo;
     long long out_pos = 0;  // converted samples handed out since audio_start
     int out_fifo_format = -1;
     int out_fifo_channels = 0;

@@ -12,6 +12,7 @@ extern "C" {
 }
 
 #include "ff_compat.h"
+#include "ff_ptr.h"
 #include "movie_info.h"
 
 namespace ff {
@@ -35,20 +36,25 @@ const GraphEnds kVideoEnds = {"buffer", "buffersink", "Cannot create buffer sour
 const GraphEnds kAudioEnds = {"abuffer", "abuffersink", "Cannot create audio buffer source\n",
                               "Cannot create audio buffer sink\n", false};
 
-// avfilter_graph_parse_ptr rewrites both list heads to whatever it left
-// unconnected, so the lists are held as plain pointers and freed at the end
-// of the build, whichever way it ends.
+// The open ends of the description, owned until the build ends, whichever
+// way it ends.
 struct InOutLists {
-    AVFilterInOut* outputs = avfilter_inout_alloc();
-    AVFilterInOut* inputs = avfilter_inout_alloc();
-    InOutLists() = default;
-    InOutLists(const InOutLists&) = delete;
-    InOutLists& operator=(const InOutLists&) = delete;
-    ~InOutLists() {
-        avfilter_inout_free(&inputs);
-        avfilter_inout_free(&outputs);
-    }
+    UniqueAVFilterInOut outputs{avfilter_inout_alloc()};
+    UniqueAVFilterInOut inputs{avfilter_inout_alloc()};
 };
+
+// avfilter_graph_parse_ptr takes both list heads by address, consumes what it
+// connects and leaves in them whatever it left unconnected (also on failure):
+// the lists leave their owners for the call, and the owners take back what
+// it hands back.
+int parse_into(AVFilterGraph* graph, const char* descr, InOutLists& io) {
+    AVFilterInOut* inputs = io.inputs.release();
+    AVFilterInOut* outputs = io.outputs.release();
+    const int ret = avfilter_graph_parse_ptr(graph, descr, &inputs, &outputs, nullptr);
+    io.inputs.reset(inputs);
+    io.outputs.reset(outputs);
+    return ret;
+}
 
 const char* error_text(int err, char (&text)[kErrSize]) {
     av_strerror(err, text, sizeof(text));
@@ -91,7 +97,7 @@ int build_ends(AVFilterMgr& mgr, const GraphEnds& ends, const std::string& args,
     io.inputs->next = nullptr;
     if (!io.outputs->name || !io.inputs->name) return AVERROR(ENOMEM);
 
-    ret = avfilter_graph_parse_ptr(mgr.filter_graph, descr, &io.inputs, &io.outputs, nullptr);
+    ret = parse_into(mgr.filter_graph, descr, io);
     if (ret < 0) {
         char err[kErrSize];
         if (ends.log_parse_and_config)

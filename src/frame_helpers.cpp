@@ -7,13 +7,14 @@ extern "C" {
 }
 
 #include "ff_compat.h"
+#include "ff_ptr.h"
 #include "utils/mempool.h"
 
 namespace ff {
 
 std::shared_ptr<AVFrame> create_avframe_ptr(AVFrame* f) {
     if (!f) return {};
-    return std::shared_ptr<AVFrame>(f, [](AVFrame* p) { av_frame_free(&p); });
+    return std::shared_ptr<AVFrame>(f, AVFrameDeleter());
 }
 
 namespace {

@@ -113,10 +113,10 @@ std::string Chart::grid_and_labels() const {
     return chain;
 }
 
-FramePtr Chart::render(std::string& error) const {
+ff::UniqueAVFrame Chart::render(std::string& error) const {
     if (!plot_) {
         error = "out of memory";
-        return FramePtr();
+        return ff::UniqueAVFrame();
     }
     return run_filters(grid_and_labels(), {plot_.get()}, error);
 }

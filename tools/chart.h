@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "av_ptr.h"
+#include <clipdec/ff_ptr.h>
 
 namespace cli {
 
@@ -33,7 +33,7 @@ public:
     void add_level_band(int top, int height, bool centred, const std::string& title);
 
     // The finished picture with its margins, grid and labels.
-    FramePtr render(std::string& error) const;
+    ff::UniqueAVFrame render(std::string& error) const;
 
 private:
     struct Band {
@@ -47,7 +47,7 @@ private:
     int width_;
     int height_;
     double seconds_;
-    FramePtr plot_;
+    ff::UniqueAVFrame plot_;
     std::vector<Band> bands_;
 };
 

@@ -159,7 +159,7 @@ Pass library_sequential(const Media& m, Progress& progress, double progress_base
 
 Pass plain_sequential(const Media& m, Progress& progress, double progress_base) {
     PlainStream plain;
-    FramePtr frame(av_frame_alloc());
+    ff::UniqueAVFrame frame(av_frame_alloc());
     RgbaConverter rgba;
     open_plain(plain, m.video, m.path);
     if (!frame || !rgba.allocate(m.video->width, m.video->height)) fail(kExitInput, "out of memory");
@@ -190,8 +190,8 @@ Figures bench_sequential(const Media& m) {
 Figures bench_random_access(const Media& m) {
     ff::FFDecoder dec;
     PlainStream plain;
-    FramePtr cur(av_frame_alloc());
-    FramePtr prev(av_frame_alloc());
+    ff::UniqueAVFrame cur(av_frame_alloc());
+    ff::UniqueAVFrame prev(av_frame_alloc());
     RgbaConverter rgba;
     open_library(dec, m.video, m.path);
     open_plain(plain, m.video, m.path);
@@ -262,10 +262,10 @@ Pass library_audio(const Media& m, long long spans) {
 // The same samples through decode + swr_convert, stopping at `wanted`.
 Pass plain_audio(const Media& m, long long wanted) {
     PlainStream plain;
-    FramePtr frame(av_frame_alloc());
+    ff::UniqueAVFrame frame(av_frame_alloc());
     open_plain(plain, m.audio, m.path);
     if (!frame) fail(kExitInput, "out of memory");
-    std::unique_ptr<SwrContext, SwrFreer> swr;
+    ff::UniqueSwrContext swr;
     std::vector<float> out;
     Pass p;
     const auto start = Clock::now();

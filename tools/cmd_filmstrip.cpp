@@ -39,13 +39,13 @@ constexpr int kLabelBand = 26;
 
 // A picture of the strip as a frame the filters take, its pts the time shown
 // in milliseconds (drawtext writes it under the picture).
-FramePtr frame_of(const ff::FilmstripPicture& p) {
-    FramePtr frame(av_frame_alloc());
+ff::UniqueAVFrame frame_of(const ff::FilmstripPicture& p) {
+    ff::UniqueAVFrame frame(av_frame_alloc());
     if (!frame) return frame;
     frame->format = AV_PIX_FMT_RGBA;
     frame->width = p.picture->width;
     frame->height = p.picture->height;
-    if (av_frame_get_buffer(frame.get(), 0) < 0) return FramePtr();
+    if (av_frame_get_buffer(frame.get(), 0) < 0) return ff::UniqueAVFrame();
     for (int y = 0; y < frame->height; ++y)
         std::memcpy(frame->data[0] + y * frame->linesize[0], p.picture->data[0] + y * p.picture->linesize[0],
                     static_cast<size_t>(frame->width) * 4);
@@ -103,7 +103,7 @@ int cmd_filmstrip(const Args& args) {
     if (opts.has("--json")) std::printf("%s\n", as_json(strip).c_str());
     if (!opts.has("-o")) return kExitOk;
 
-    std::vector<FramePtr> frames;
+    std::vector<ff::UniqueAVFrame> frames;
     std::vector<const AVFrame*> inputs;
     for (const ff::FilmstripPicture& p : strip) {
         frames.push_back(frame_of(p));
@@ -111,7 +111,7 @@ int cmd_filmstrip(const Args& args) {
         inputs.push_back(frames.back().get());
     }
     std::string error;
-    const FramePtr sheet = run_filters(sheet_chain(static_cast<int>(strip.size())), inputs, error);
+    const ff::UniqueAVFrame sheet = run_filters(sheet_chain(static_cast<int>(strip.size())), inputs, error);
     if (!sheet || !write_png(opts.text("-o"), sheet->data[0], sheet->linesize[0], sheet->width, sheet->height, error))
         fail(kExitOutput, "%s", error.c_str());
     if (!opts.has("--json"))

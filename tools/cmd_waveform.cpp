@@ -123,7 +123,7 @@ int cmd_waveform(const Args& args) {
     Chart chart(width, std::max(height / o->channels, 20) * o->channels, seconds);
     paint(*o, chart);
     std::string error;
-    const FramePtr picture = chart.render(error);
+    const ff::UniqueAVFrame picture = chart.render(error);
     if (!picture || !write_png(opts.text("-o"), picture->data[0], picture->linesize[0], picture->width,
                                picture->height, error))
         fail(kExitOutput, "%s", error.c_str());

@@ -12,11 +12,6 @@ extern "C" {
 namespace cli {
 namespace {
 
-struct GraphFreer { void operator()(AVFilterGraph* g) const { avfilter_graph_free(&g); } };
-struct InOutFreer { void operator()(AVFilterInOut* io) const { avfilter_inout_free(&io); } };
-using GraphPtr = std::unique_ptr<AVFilterGraph, GraphFreer>;
-using InOutPtr = std::unique_ptr<AVFilterInOut, InOutFreer>;
-
 // buffer -> chain -> buffersink, configured for `first`'s size.
 bool build_graph(AVFilterGraph* graph, const std::string& chain, const AVFrame* first, AVFilterContext** src,
                  AVFilterContext** sink, std::string& error) {
@@ -29,7 +24,7 @@ bool build_graph(AVFilterGraph* graph, const std::string& chain, const AVFrame* 
     }
     const enum AVPixelFormat rgba[] = {AV_PIX_FMT_RGBA, AV_PIX_FMT_NONE};
     av_opt_set_int_list(*sink, "pix_fmts", rgba, AV_PIX_FMT_NONE, AV_OPT_SEARCH_CHILDREN);
-    InOutPtr outputs(avfilter_inout_alloc()), inputs(avfilter_inout_alloc());
+    ff::UniqueAVFilterInOut outputs(avfilter_inout_alloc()), inputs(avfilter_inout_alloc());
     if (!outputs || !inputs) {
         error = "out of memory";
         return false;
@@ -38,11 +33,13 @@ bool build_graph(AVFilterGraph* graph, const std::string& chain, const AVFrame* 
     outputs->filter_ctx = *src;
     inputs->name = av_strdup("out");
     inputs->filter_ctx = *sink;
+    // The call takes both heads by address and leaves in them what it did
+    // not connect: the owners take back whatever it hands back.
     AVFilterInOut* out_raw = outputs.release();
     AVFilterInOut* in_raw = inputs.release();
     const int parsed = avfilter_graph_parse_ptr(graph, chain.c_str(), &in_raw, &out_raw, nullptr);
-    avfilter_inout_free(&in_raw);
-    avfilter_inout_free(&out_raw);
+    inputs.reset(in_raw);
+    outputs.reset(out_raw);
     if (parsed < 0 || avfilter_graph_config(graph, nullptr) < 0) {
         error = "cannot build the drawing filters (is fonts-dejavu-core installed?)";
         return false;
@@ -68,13 +65,13 @@ std::string drawtext_text(const std::string& text) {
     return out + "'";
 }
 
-FramePtr rgba_frame(int width, int height, uint32_t rgba) {
-    FramePtr frame(av_frame_alloc());
+ff::UniqueAVFrame rgba_frame(int width, int height, uint32_t rgba) {
+    ff::UniqueAVFrame frame(av_frame_alloc());
     if (!frame) return frame;
     frame->format = AV_PIX_FMT_RGBA;
     frame->width = width;
     frame->height = height;
-    if (av_frame_get_buffer(frame.get(), 0) < 0) return FramePtr();
+    if (av_frame_get_buffer(frame.get(), 0) < 0) return ff::UniqueAVFrame();
     uint8_t px[4] = {static_cast<uint8_t>(rgba >> 24), static_cast<uint8_t>(rgba >> 16),
                      static_cast<uint8_t>(rgba >> 8), static_cast<uint8_t>(rgba)};
     for (int y = 0; y < height; ++y)
@@ -82,31 +79,31 @@ FramePtr rgba_frame(int width, int height, uint32_t rgba) {
     return frame;
 }
 
-FramePtr run_filters(const std::string& chain, const std::vector<const AVFrame*>& inputs, std::string& error) {
+ff::UniqueAVFrame run_filters(const std::string& chain, const std::vector<const AVFrame*>& inputs, std::string& error) {
     if (inputs.empty()) {
         error = "nothing to draw";
-        return FramePtr();
+        return ff::UniqueAVFrame();
     }
-    GraphPtr graph(avfilter_graph_alloc());
+    ff::UniqueAVFilterGraph graph(avfilter_graph_alloc());
     AVFilterContext* src = nullptr;
     AVFilterContext* sink = nullptr;
-    if (!graph || !build_graph(graph.get(), chain, inputs.front(), &src, &sink, error)) return FramePtr();
+    if (!graph || !build_graph(graph.get(), chain, inputs.front(), &src, &sink, error)) return ff::UniqueAVFrame();
     for (const AVFrame* in : inputs) {
-        FramePtr copy(av_frame_clone(in));
+        ff::UniqueAVFrame copy(av_frame_clone(in));
         if (!copy || av_buffersrc_add_frame(src, copy.get()) < 0) {
             error = "cannot feed the drawing filters";
-            return FramePtr();
+            return ff::UniqueAVFrame();
         }
     }
     // The end: a tile of fewer pictures than it has places is given out now.
     if (av_buffersrc_add_frame(src, nullptr) < 0) {
         error = "cannot finish the drawing filters";
-        return FramePtr();
+        return ff::UniqueAVFrame();
     }
-    FramePtr out(av_frame_alloc());
+    ff::UniqueAVFrame out(av_frame_alloc());
     if (!out || av_buffersink_get_frame(sink, out.get()) < 0) {
         error = "the drawing filters gave no picture";
-        return FramePtr();
+        return ff::UniqueAVFrame();
     }
     return out;
 }

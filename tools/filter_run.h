@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "av_ptr.h"
+#include <clipdec/ff_ptr.h>
 
 namespace cli {
 
@@ -20,9 +20,9 @@ std::string drawtext_text(const std::string& text);
 // Runs packed RGBA `inputs` (all of one size; pts in milliseconds) through
 // `chain` and returns its first output picture in RGBA; null with `error`
 // set on failure.
-FramePtr run_filters(const std::string& chain, const std::vector<const AVFrame*>& inputs, std::string& error);
+ff::UniqueAVFrame run_filters(const std::string& chain, const std::vector<const AVFrame*>& inputs, std::string& error);
 
 // A packed RGBA frame of `width` x `height`, every pixel `rgba`.
-FramePtr rgba_frame(int width, int height, uint32_t rgba);
+ff::UniqueAVFrame rgba_frame(int width, int height, uint32_t rgba);
 
 }  // namespace cli

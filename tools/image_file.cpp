@@ -1,6 +1,6 @@
 #include "image_file.h"
 
-#include "av_ptr.h"
+#include <clipdec/ff_ptr.h>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -21,8 +21,8 @@ struct FileCloser {
 
 bool encode_png(const uint8_t* rgba, int linesize, int width, int height, AVPacket* out, std::string& error) {
     const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_PNG);
-    CodecPtr ctx(codec ? avcodec_alloc_context3(codec) : nullptr);
-    FramePtr frame(av_frame_alloc());
+    ff::UniqueAVCodecContext ctx(codec ? avcodec_alloc_context3(codec) : nullptr);
+    ff::UniqueAVFrame frame(av_frame_alloc());
     if (!ctx || !frame) {
         error = "no PNG encoder in this FFmpeg";
         return false;
@@ -56,7 +56,7 @@ bool write_png(const std::string& path, const uint8_t* rgba, int linesize, int w
         error = "no picture to write";
         return false;
     }
-    PacketPtr packet(av_packet_alloc());
+    ff::UniqueAVPacket packet(av_packet_alloc());
     if (!packet || !encode_png(rgba, linesize, width, height, packet.get(), error)) {
         if (!packet) error = "out of memory";
         return false;

@@ -69,7 +69,7 @@ bool LevelMeter::write_picture(const std::string& path, int width, int height, s
         const int bar = level * height / 100;
         for (int y = height - bar; y < height; ++y) chart.fill_column(x, y, y, level_colour((height - y) * 100 / height));
     }
-    const FramePtr picture = chart.render(error);
+    const ff::UniqueAVFrame picture = chart.render(error);
     return picture && write_png(path, picture->data[0], picture->linesize[0], picture->width, picture->height, error);
 }
 

@@ -12,7 +12,7 @@ namespace cli {
 // before it, then forward to the last frame not after it. MP4 seeks by
 // decoding time, so the key frame found may show after the target; the loop
 // then steps back a second, as any correct host loop has to.
-const AVFrame* plain_frame_at(PlainStream& s, int64_t target, FramePtr& cur, FramePtr& prev) {
+const AVFrame* plain_frame_at(PlainStream& s, int64_t target, ff::UniqueAVFrame& cur, ff::UniqueAVFrame& prev) {
     int64_t seek_ts = target;
     if (!s.seek(seek_ts)) return nullptr;
     bool first = true;
@@ -35,7 +35,7 @@ const AVFrame* plain_frame_at(PlainStream& s, int64_t target, FramePtr& cur, Fra
 
 // Float at `rate` and `channels` from whatever the decoder gives; set up on the first
 // frame, since only decoded frames tell the real layout and rate.
-bool open_resampler(std::unique_ptr<SwrContext, SwrFreer>& swr, const AVFrame* frame, int rate, int channels) {
+bool open_resampler(ff::UniqueSwrContext& swr, const AVFrame* frame, int rate, int channels) {
     AVChannelLayout out_layout{};
     AVChannelLayout in_layout{};
     av_channel_layout_default(&out_layout, channels);

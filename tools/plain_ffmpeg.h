@@ -15,7 +15,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
-#include "av_ptr.h"
+#include <clipdec/ff_ptr.h>
 
 namespace cli {
 
@@ -78,9 +78,9 @@ public:
     int64_t ticks_per_second() const { return stream_->time_base.den / std::max(stream_->time_base.num, 1); }
 
 private:
-    std::unique_ptr<AVFormatContext, FormatCloser> fmt_;
-    std::unique_ptr<AVCodecContext, CodecFreer> codec_;
-    std::unique_ptr<AVPacket, PacketFreer> packet_;
+    ff::UniqueAVFormatInput fmt_;
+    ff::UniqueAVCodecContext codec_;
+    ff::UniqueAVPacket packet_;
     const AVStream* stream_ = nullptr;
     int index_ = -1;
 };
@@ -109,7 +109,7 @@ public:
     }
 
 private:
-    std::unique_ptr<SwsContext, SwsFreer> sws_;
+    ff::UniqueSwsContext sws_;
     uint8_t* data_[4] = {};
     int linesize_[4] = {};
     int width_ = 0;
@@ -119,10 +119,10 @@ private:
 // The frame on screen at `target` (stream time base): the key frame at or
 // before it, then forward to the last frame not after it; null when nothing
 // decodes. `cur` and `prev` are the caller's frames, reused between calls.
-const AVFrame* plain_frame_at(PlainStream& s, int64_t target, FramePtr& cur, FramePtr& prev);
+const AVFrame* plain_frame_at(PlainStream& s, int64_t target, ff::UniqueAVFrame& cur, ff::UniqueAVFrame& prev);
 
 // A resampler to packed float at `rate` and `channels`, set up from a decoded
 // frame (only decoded frames tell the real layout and rate).
-bool open_resampler(std::unique_ptr<SwrContext, SwrFreer>& swr, const AVFrame* frame, int rate, int channels);
+bool open_resampler(ff::UniqueSwrContext& swr, const AVFrame* frame, int rate, int channels);
 
 }  // namespace cli
