@@ -5,6 +5,12 @@
 // The loop's state is shared with the thread, so that destroying the helper
 // from its own thread (a callback that closes its decoder) cannot leave the
 // loop reading freed memory: the thread is then detached and ends by itself.
+//
+// Locks: the queue's own mutex guards the waiting jobs and is never held
+// while a job runs or is destroyed; `quit` is atomic; `thread` is written
+// only by the constructor and destructor. The destructor joins the thread, so
+// it must run with no lock held that a job may wait for (the decoder destroys
+// its helper with neither its request mutex nor its async mutex held).
 #pragma once
 
 #include <atomic>

@@ -41,7 +41,8 @@ struct OverviewKey {
     }
 };
 
-// The most recent overviews; `mutex` guards `recent` and is taken alone.
+// The most recent overviews; `mutex` guards `recent`, and nothing else is
+// locked while it is held (an overview holds only plain vectors).
 class OverviewCache {
 public:
     static constexpr size_t kEntries = 16;

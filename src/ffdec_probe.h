@@ -2,9 +2,10 @@
 // usable stream, measuring what the container may not report reliably, and
 // caches the record per path for the life of the process.
 //
-// g_mvctx_mtx guards g_mvctx_map and is taken alone, only around the look-up
-// and the final store, never while probing: two threads probing one new path
-// both do the work, and the later store wins (both records stay valid).
+// g_mvctx_mtx guards g_mvctx_map (and the records it replaced) and is taken
+// alone, only around the look-up and the final store, never while probing:
+// two threads probing one new path both do the work, and the later store wins
+// (both records stay valid).
 #pragma once
 
 #include <atomic>

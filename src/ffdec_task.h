@@ -4,13 +4,20 @@
 // correction when a seek lands after the target).
 //
 // Owned by its stream's scheduler pool once added. The cache and its flags
-// (`frames`, `at_begin`, `at_end`, `broken`, `last_ts`, `in_job`) are read
-// and written with `mutex` (the worker's) held. The instance, `packet` and
-// `decoded_since_start` belong to the one job running on the task (the
-// scheduler starts no second one), which gives `mutex` up while FFmpeg seeks
-// and decodes and notifies `cond` after every appended frame: requests for
-// cached frames are never held up by decoding, and those waiting on `cond`
-// pick up a frame as soon as it arrives.
+// (`frames`, `at_begin`, `at_end`, `broken`, `last_ts`, `in_job`,
+// `window_frames`) are read and written with `mutex` (the worker's) held.
+// The instance, `packet` and `decoded_since_start` belong to the one job
+// running on the task (the scheduler starts no second one), which gives
+// `mutex` up while FFmpeg seeks and decodes and notifies `cond` after every
+// appended frame: requests for cached frames are never held up by decoding,
+// and those waiting on `cond` pick up a frame as soon as it arrives.
+// `stream`, `ts_per_sec`, `max_frames` and `reverse_budget` are set by open,
+// before the task joins a pool, and only read afterwards.
+//
+// Lock order: the pool's mutex, then `mutex` (see scheduler.h). Of the
+// library's own locks, a job takes under `mutex` only the reverse-play
+// registry's (asking whether its requester plays backwards), which is
+// innermost.
 #pragma once
 
 #include <atomic>
@@ -69,8 +76,10 @@ public:
     std::shared_ptr<AVFrame> get_frame(long long t, bool locked, std::atomic<bool>* cancel, Ts_ROUND r);
     std::shared_ptr<AVFrame> do_job(long long t, bool locked, std::atomic<bool>* cancel, bool next) override;
 
-    // The frame after `last_ts`, decoding forward without seeking; the caller
-    // holds `mutex`. At the end: the last frame again when `repeat_last`.
+    // The frame after `last_ts`, decoding forward without seeking. The caller
+    // holds `mutex`, or has the task to itself (in no pool): unlike a job,
+    // this decodes without giving the mutex up. At the end: the last frame
+    // again when `repeat_last`.
     std::shared_ptr<AVFrame> get_next_frame(std::atomic<bool>* cancel, bool repeat_last);
 
     const StreamCtx* stream = nullptr;

@@ -23,8 +23,11 @@ Rational speed_factor(double speed) { return Rational(static_cast<long long>(spe
 
 }  // namespace
 
-// `mutex` guards every field; it is taken alone by requests (to read the
-// mapping) and after req_mutex by the setters.
+// `mutex` guards every field. Requests take it alone, to read the mapping
+// before they take req_mutex; setSpeed and setFilters take it inside
+// req_mutex; setRevert takes it without req_mutex and updates the
+// reverse-play registry under it. Order: req_mutex -> `mutex` -> the
+// registry's mutex.
 class FFDecoder2Private {
 public:
     double speed = 1.0;

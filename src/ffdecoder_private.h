@@ -7,9 +7,18 @@
 // No locking of its own: the facade runs one decoder's requests one at a time
 // under `req_mutex` and calls open and close under it too; every field below
 // is guarded by `req_mutex` unless said otherwise. `stop`, `req_seq`,
-// `published_stream` and `audio_run_live` are atomics read without it.
-// `async` is guarded by `async_mutex`, which is taken alone (never with
-// req_mutex), so that a worker is always joined with no lock held.
+// `published_stream` and `audio_run_live` are atomics read and written
+// without it.
+//
+// Lock order: `req_mutex` comes before every other lock of the engine a
+// request reaches (the stream's pool, a task's mutex, the pool registry, the
+// parked instances, FFDecoder2Private::mutex in the setters, the buffer
+// pool). `async` is guarded by `async_mutex`, and the two are never held
+// together: close takes req_mutex to close the decoder, releases it, and
+// only then takes async_mutex to take the worker out, which it joins with
+// neither held (the worker's job may be waiting for req_mutex, and a job
+// takes req_mutex without async_mutex). Queuing a job takes the job queue's
+// own mutex inside async_mutex, and nothing else.
 #pragma once
 
 #include <atomic>
@@ -126,7 +135,8 @@ public:
     AsyncHelper* async = nullptr;  // the worker thread of asynchronous requests, made on first use
     std::atomic<int> req_seq{0};
     // Guards `async`, which two threads' first asynchronous requests may race
-    // to create and a close takes away; taken alone, never with req_mutex.
+    // to create and a close takes away. Never held together with req_mutex
+    // (see the head of this file); under it only the job queue's mutex.
     std::mutex async_mutex;
     // Converted samples carried from one audio request to the next, so that a
     // run of contiguous requests at another rate than the stream's gets

@@ -8,8 +8,10 @@
 // Parked work is bounded: at most kMaxParked instances, none older than
 // kMaxAge (checked whenever something is parked or adopted), all released by
 // mem_collection and when the last decoder of their movie closes. `mutex`
-// guards the list and is taken alone; instances are destroyed after it is
-// released (closing a decoder joins its threads).
+// guards `entries`; nothing else is locked while it is held, and instances
+// are destroyed after it is released (closing a decoder joins its threads).
+// It is taken inside a decoder's request mutex (a decoder's open adopts, its
+// close releases its movie's work).
 #pragma once
 
 #include <chrono>

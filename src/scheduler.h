@@ -12,8 +12,15 @@
 // `mutex` -> the internal mutex of that worker's `cond`. A request never holds
 // two worker mutexes at once, and never holds the pool mutex while it waits
 // for a worker or runs a job; a job gives its worker's mutex up while it
-// decodes, so the pool mutex is never held across decoding either. Removal
-// only tries a worker's mutex. `idle_mutex` is taken alone.
+// decodes, so the pool mutex is never held across decoding either. Removal,
+// with the pool held exclusively, only tries the workers' mutexes while it
+// chooses; then it locks the chosen one, idle and unreserved, which can only
+// wait for a request that is just leaving it (nobody can enter it without the
+// pool mutex). `idle_mutex` is taken alone. A decoder calls in with its own
+// request mutex held, which comes before all of these.
+//
+// Guarded: `workers` by `pool_mutex`; `idle_epoch` by `idle_mutex`; each
+// worker's scheduling fields by its `mutex`; `pending_removals` is atomic.
 #pragma once
 
 #include <atomic>
@@ -34,8 +41,9 @@ template <typename T>
 class AbstractScheduler {
 public:
     // A unit of decoding work with a short cache of results. The scheduler
-    // reads and writes `owner`, `busy`, `last_used`, `reserved_by` and
-    // `waiters`, always under `mutex`.
+    // reads and writes `owner`, `busy`, `last_used`, `reserved_by`,
+    // `waiters`, `has_target`, `target_ts` and `target_next`, always under
+    // `mutex`; `id` and `name` are set at construction.
     class iWorker {
     public:
         iWorker();
@@ -162,8 +170,9 @@ using FrameScheduler = AbstractScheduler<std::shared_ptr<AVFrame>>;
 extern template class AbstractScheduler<std::shared_ptr<AVFrame>>;
 
 // Process-wide registry of pools, keyed by stream. Pools are never erased, so
-// a pool pointer stays valid for the life of the process. `mutex` is held only
-// for the look-up or insertion.
+// a pool pointer stays valid for the life of the process. `mutex` guards
+// `pools` and is held only for the look-up or insertion, with nothing taken
+// under it (callers may hold a decoder's request mutex).
 struct DecoderManager {
     std::mutex mutex;
     std::unordered_map<const StreamCtx*, FrameScheduler> pools;

@@ -53,7 +53,10 @@ private:
     };
     void evict_over_bounds();
 
-    std::mutex mutex_;         // guards recent_ and bytes_; taken alone
+    // Guards recent_ and bytes_. Under it only the buffer pool's locks, which
+    // are innermost: insert, clear and eviction can drop the last reference
+    // to a picture, whose pooled memory is then freed.
+    std::mutex mutex_;
     std::list<Entry> recent_;  // most recent first
     size_t bytes_ = 0;
 };

@@ -7,6 +7,12 @@
 //
 // Every operation may be called from any thread. The pool lives for the whole
 // process; buffers still free or handed out at exit are not released.
+//
+// Locks (in the .cpp): the pool's mutex guards the size classes and the
+// handed-out buffers, each size class's mutex its free list; the pool's comes
+// first, and only collection() and stats() hold both. Both are innermost to
+// the rest of the library: callers may hold any lock (a decode task's, the
+// thumbnail cache's), and the pool calls out to nothing while holding them.
 #pragma once
 
 #include <cstddef>
