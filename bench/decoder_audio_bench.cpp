@@ -1,21 +1,16 @@
 // Contiguous 20 ms audio requests (48 kHz stereo float) through the decoder,
-// against a plain FFmpeg decode + resample loop over the same AAC track.
+// against the plain FFmpeg decode + resample loop (tools/plain_ffmpeg.h) over
+// the same AAC track.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <chrono>
 #include <functional>
 #include <string>
-#include <vector>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-#include <libswresample/swresample.h>
-}
-
-#include "ff_compat.h"
 #include "ffdecoder.h"
+#include "plain_ffmpeg.h"
 
 namespace {
 
@@ -49,45 +44,11 @@ long long decoder_pass(const ff::StreamCtx* st, int rate) {
     return samples;
 }
 
-// The same track with a plain decode + resample loop.
+// The same track through the tool's plain decode + resample loop.
 long long plain_pass(const std::string& file, int rate) {
-    long long samples = 0;
-    {
-        AVFormatContext* fmt = nullptr;
-        avformat_open_input(&fmt, file.c_str(), nullptr, nullptr);
-        avformat_find_stream_info(fmt, nullptr);
-        const int index = av_find_best_stream(fmt, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
-        AVStream* st = fmt->streams[index];
-        const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
-        AVCodecContext* ctx = avcodec_alloc_context3(codec);
-        avcodec_parameters_to_context(ctx, st->codecpar);
-        avcodec_open2(ctx, codec, nullptr);
-        SwrContext* swr = nullptr;
-        AVPacket* pkt = av_packet_alloc();
-        AVFrame* frame = av_frame_alloc();
-        std::vector<float> out(2 * 8192);
-        auto drain = [&] {
-            while (avcodec_receive_frame(ctx, frame) == 0) {
-                if (!swr && (ff::compat_swr_configure(&swr, 2, AV_SAMPLE_FMT_FLT, rate, frame) < 0 || swr_init(swr) < 0))
-                    return;
-                uint8_t* dst[1] = {reinterpret_cast<uint8_t*>(out.data())};
-                samples += swr_convert(swr, dst, 8192, const_cast<const uint8_t**>(frame->extended_data),
-                                       frame->nb_samples);
-            }
-        };
-        while (av_read_frame(fmt, pkt) >= 0) {
-            if (pkt->stream_index == index && avcodec_send_packet(ctx, pkt) >= 0) drain();
-            av_packet_unref(pkt);
-        }
-        avcodec_send_packet(ctx, nullptr);
-        drain();
-        av_frame_free(&frame);
-        av_packet_free(&pkt);
-        swr_free(&swr);
-        avcodec_free_context(&ctx);
-        avformat_close_input(&fmt);
-    }
-    return samples;
+    cli::PlainStream plain;
+    if (!plain.open(file.c_str(), -1, AVMEDIA_TYPE_AUDIO)) return 0;
+    return std::max(cli::plain_resample(plain, rate, 2, -1), 0LL);
 }
 
 double seconds_of(const std::function<long long()>& pass, long long* samples) {

@@ -36,9 +36,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/dict.h>
-#include <libavutil/imgutils.h>
 #include <libavutil/mathematics.h>
-#include <libswscale/swscale.h>
 }
 
 #include "decode_counters.h"
@@ -120,40 +118,12 @@ void report_engine_counters(benchmark::State& state, const CounterSnapshot& befo
 // ------------------------------------------------------------ plain FFmpeg
 
 // The tool's own plain loop (tools/plain_ffmpeg.h: one demuxer, one decoder
-// with threads "auto", send/receive) on the file's best video stream,
-// counting what it decodes and seeks.
-class PlainDecoder {
+// with threads "auto", send/receive) on the file's best video stream; it
+// counts what it decodes and seeks.
+class PlainDecoder : public cli::PlainStream {
 public:
-    bool open(const std::string& path) { return plain_.open(path.c_str(), -1); }
-
-    // 0 with `frame` filled, AVERROR_EOF after the last frame, or an error.
-    int next(AVFrame* frame) {
-        const int r = plain_.next(frame);
-        if (r >= 0) ++decoded;
-        return r;
-    }
-
-    // Key frame at or before `ts` (stream time base), decoder flushed.
-    bool seek(int64_t ts) {
-        ++seeks;
-        return plain_.seek(ts);
-    }
-
-    const AVStream* stream() const { return plain_.stream(); }
-    int64_t start_time() const { return plain_.start(); }
-    int64_t ts_per_sec() const { return plain_.ticks_per_second(); }
-
-    uint64_t decoded = 0;
-    uint64_t seeks = 0;
-
-private:
-    cli::PlainStream plain_;
+    bool open(const std::string& path) { return cli::PlainStream::open(path.c_str(), -1); }
 };
-
-struct FrameDeleter {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-using FramePtr = std::unique_ptr<AVFrame, FrameDeleter>;
 
 // The size the engine gives a picture for `divider`: width rounded up to a
 // multiple of 16 and height to an even number after the integer division.
@@ -327,28 +297,21 @@ void BM_Rgba_Plain(benchmark::State& state) {
         }
         const AVCodecParameters* par = dec->stream()->codecpar;
         divided_size(par->width, par->height, divider, &out_w, &out_h);
-        uint8_t* dst[4] = {};
-        int dst_linesize[4] = {};
-        if (av_image_alloc(dst, dst_linesize, out_w, out_h, AV_PIX_FMT_RGBA, 32) < 0) {
+        cli::RgbaConverter rgba;
+        if (!rgba.allocate(out_w, out_h)) {
             state.SkipWithError("no memory");
             return;
         }
-        SwsContext* sws = nullptr;
         cpu.resume(state);
         while (dec->next(frame.get()) >= 0) {
-            sws = sws_getCachedContext(sws, frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
-                                       out_w, out_h, AV_PIX_FMT_RGBA, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
-            if (!sws) {
+            if (!rgba.convert(frame.get())) {
                 state.SkipWithError("no scaler");
                 break;
             }
-            sws_scale(sws, frame->data, frame->linesize, 0, frame->height, dst, dst_linesize);
-            benchmark::DoNotOptimize(dst[0]);
+            benchmark::DoNotOptimize(rgba.data());
             ++frames;
         }
         cpu.pause(state);
-        sws_freeContext(sws);
-        av_freep(&dst[0]);
         dec.reset();
         state.ResumeTiming();
     }
@@ -422,24 +385,19 @@ bool plain_pass(int divider, Pass* out) {
     int out_h = 0;
     const AVCodecParameters* par = dec->stream()->codecpar;
     divided_size(par->width, par->height, divider, &out_w, &out_h);
-    uint8_t* dst[4] = {};
-    int dst_linesize[4] = {};
-    if (divider > 0 && av_image_alloc(dst, dst_linesize, out_w, out_h, AV_PIX_FMT_RGBA, 32) < 0) return false;
-    SwsContext* sws = nullptr;
+    cli::RgbaConverter rgba;
+    if (divider > 0 && !rgba.allocate(out_w, out_h)) return false;
     Pass p;
     bool ok = true;
     const double cpu0 = process_cpu_seconds();
     const auto start = Clock::now();
     while (dec->next(frame.get()) >= 0) {
         if (divider > 0) {
-            sws = sws_getCachedContext(sws, frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
-                                       out_w, out_h, AV_PIX_FMT_RGBA, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
-            if (!sws) {
+            if (!rgba.convert(frame.get())) {
                 ok = false;
                 break;
             }
-            sws_scale(sws, frame->data, frame->linesize, 0, frame->height, dst, dst_linesize);
-            benchmark::DoNotOptimize(dst[0]);
+            benchmark::DoNotOptimize(rgba.data());
         } else {
             benchmark::DoNotOptimize(frame->data[0]);
         }
@@ -447,8 +405,6 @@ bool plain_pass(int divider, Pass* out) {
     }
     p.seconds = seconds_since(start);
     p.cpu = process_cpu_seconds() - cpu0;
-    sws_freeContext(sws);
-    av_freep(&dst[0]);
     out->add(p);
     return ok;
 }
@@ -511,32 +467,6 @@ double p90_of(std::vector<double> v) {
     return v[std::min(v.size() - 1, v.size() * 9 / 10)];
 }
 
-// The plain request: seek to the key frame at or before the target, flush,
-// decode forward to the frame on screen at the target (one frame past it). A
-// seek that lands after the target (MP4 seeks by decode time; a key frame
-// shows a little later) steps back one second, as any correct loop must.
-// Answers the frame's timestamp, or AV_NOPTS_VALUE.
-int64_t plain_frame_at(PlainDecoder& dec, int64_t ts, FramePtr& cur, FramePtr& prev) {
-    int64_t seek_ts = ts;
-    dec.seek(seek_ts);
-    bool first = true;
-    bool have_prev = false;
-    for (;;) {
-        if (dec.next(cur.get()) < 0) return have_prev ? prev->best_effort_timestamp : AV_NOPTS_VALUE;
-        const int64_t b = cur->best_effort_timestamp;
-        if (first && b > ts && seek_ts > dec.start_time()) {
-            seek_ts = std::max(seek_ts - dec.ts_per_sec(), dec.start_time());
-            dec.seek(seek_ts);
-            continue;
-        }
-        first = false;
-        if (b == ts) return b;
-        if (b > ts) return have_prev ? prev->best_effort_timestamp : b;
-        std::swap(cur, prev);
-        have_prev = true;
-    }
-}
-
 // One engine decoder and one plain decoder open side by side; the requests
 // alternate between them (which one goes first alternates too). Latencies are
 // per request; the counters give both medians and their ratio.
@@ -554,8 +484,8 @@ void BM_Pair_RandomAccess(benchmark::State& state) {
     for (auto _ : state) {
         auto dec = std::make_unique<ff::FFDecoderPrivate>();
         auto plain = std::make_unique<PlainDecoder>();
-        FramePtr cur(av_frame_alloc());
-        FramePtr prev(av_frame_alloc());
+        ff::UniqueAVFrame cur(av_frame_alloc());
+        ff::UniqueAVFrame prev(av_frame_alloc());
         if (!dec->open(sc) || !plain->open(bench_file()) || !cur || !prev) {
             state.SkipWithError("open failed");
             return;
@@ -579,13 +509,15 @@ void BM_Pair_RandomAccess(benchmark::State& state) {
                 if (!f || f->best_effort_timestamp > ts) ++wrong;
             };
             const auto run_plain = [&] {
-                const int64_t ts = av_rescale_q_rnd(t, AVRational{1, 1000}, tb, AV_ROUND_NEAR_INF) + plain->start_time();
+                const int64_t ts = av_rescale_q_rnd(t, AVRational{1, 1000}, tb, AV_ROUND_NEAR_INF) + plain->start();
                 const auto start = Clock::now();
-                const int64_t got = plain_frame_at(*plain, ts, cur, prev);
+                // The tool's plain request: key frame at or before the target,
+                // then forward to the frame on screen.
+                const AVFrame* got = cli::plain_frame_at(*plain, ts, cur, prev);
                 const double s = seconds_since(start);
                 plain_ms.push_back(s * 1000);
                 iteration_seconds += s;
-                if (got == AV_NOPTS_VALUE || got > ts) ++wrong;
+                if (!got || got->best_effort_timestamp > ts) ++wrong;
             };
             if (i % 2 == 0) {
                 run_engine();

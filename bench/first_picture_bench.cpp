@@ -138,31 +138,18 @@ private:
     std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
 };
 
+// The tool's plain loop, one step at a time.
 void plain_steps(const std::string& path, AVFrame* frame, double* ms) {
     StepClock clock;
-    AVFormatContext* fmt = nullptr;
-    if (avformat_open_input(&fmt, path.c_str(), nullptr, nullptr) < 0) return;
+    cli::PlainStream plain;
+    if (!plain.open_input(path.c_str())) return;
     ms[0] += clock.lap();
-    avformat_find_stream_info(fmt, nullptr);
+    plain.find_stream_info();
     ms[1] += clock.lap();
-    const int index = av_find_best_stream(fmt, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    const AVCodec* codec = index >= 0 ? avcodec_find_decoder(fmt->streams[index]->codecpar->codec_id) : nullptr;
-    AVCodecContext* ctx = codec ? avcodec_alloc_context3(codec) : nullptr;
-    AVDictionary* opts = nullptr;
-    av_dict_set(&opts, "threads", "auto", 0);
-    const bool opened = ctx && avcodec_parameters_to_context(ctx, fmt->streams[index]->codecpar) >= 0 &&
-                        avcodec_open2(ctx, codec, &opts) >= 0;
-    av_dict_free(&opts);
+    const bool opened = plain.open_decoder(-1);
     ms[2] += clock.lap();
-    AVPacket* pkt = av_packet_alloc();
-    while (opened && pkt && avcodec_receive_frame(ctx, frame) == AVERROR(EAGAIN) && av_read_frame(fmt, pkt) >= 0) {
-        if (pkt->stream_index == index) avcodec_send_packet(ctx, pkt);
-        av_packet_unref(pkt);
-    }
+    if (opened) plain.next(frame);
     ms[3] += clock.lap();
-    av_packet_free(&pkt);
-    avcodec_free_context(&ctx);
-    avformat_close_input(&fmt);
 }
 
 void clipdec_steps(const std::string& path, double* ms) {

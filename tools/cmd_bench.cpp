@@ -262,25 +262,13 @@ Pass library_audio(const Media& m, long long spans) {
 // The same samples through decode + swr_convert, stopping at `wanted`.
 Pass plain_audio(const Media& m, long long wanted) {
     PlainStream plain;
-    ff::UniqueAVFrame frame(av_frame_alloc());
     open_plain(plain, m.audio, m.path);
-    if (!frame) fail(kExitInput, "out of memory");
-    ff::UniqueSwrContext swr;
-    std::vector<float> out;
     Pass p;
     const auto start = Clock::now();
-    while (p.count < wanted && plain.next(frame.get()) >= 0) {
-        if (!swr && !open_resampler(swr, frame.get(), kOutRate, kOutChannels)) break;
-        const int room = swr_get_out_samples(swr.get(), frame->nb_samples);
-        if (room < 0) break;
-        out.resize(static_cast<size_t>(room) * kOutChannels);
-        uint8_t* dst[1] = {reinterpret_cast<uint8_t*>(out.data())};
-        const int converted = swr_convert(swr.get(), dst, room, const_cast<const uint8_t**>(frame->extended_data),
-                                          frame->nb_samples);
-        if (converted < 0) break;
-        p.count += converted;
-    }
+    const long long converted = plain_resample(plain, kOutRate, kOutChannels, wanted);
     p.seconds = seconds_since(start);
+    if (converted < 0) fail(kExitInput, "out of memory");
+    p.count = converted;
     return p;
 }
 

@@ -1,6 +1,7 @@
 #include "plain_ffmpeg.h"
 
 #include <algorithm>
+#include <vector>
 
 extern "C" {
 #include <libavutil/channel_layout.h>
@@ -52,6 +53,26 @@ bool open_resampler(ff::UniqueSwrContext& swr, const AVFrame* frame, int rate, i
     av_channel_layout_uninit(&out_layout);
     swr.reset(raw);
     return made >= 0 && raw && swr_init(raw) >= 0;
+}
+
+long long plain_resample(PlainStream& s, int rate, int channels, long long wanted) {
+    ff::UniqueAVFrame frame(av_frame_alloc());
+    if (!frame) return -1;
+    ff::UniqueSwrContext swr;
+    std::vector<float> out;
+    long long converted = 0;
+    while ((wanted < 0 || converted < wanted) && s.next(frame.get()) >= 0) {
+        if (!swr && !open_resampler(swr, frame.get(), rate, channels)) break;
+        const int room = swr_get_out_samples(swr.get(), frame->nb_samples);
+        if (room < 0) break;
+        out.resize(static_cast<size_t>(room) * channels);
+        uint8_t* dst[1] = {reinterpret_cast<uint8_t*>(out.data())};
+        const int got = swr_convert(swr.get(), dst, room, const_cast<const uint8_t**>(frame->extended_data),
+                                    frame->nb_samples);
+        if (got < 0) break;
+        converted += got;
+    }
+    return converted;
 }
 
 }  // namespace cli

@@ -24,13 +24,23 @@ namespace cli {
 // of other streams dropped. It opens the container index the library's
 // record names, so both sides read the same stream (a negative index: the
 // best stream of type `best`, as a host opening a file of its own would take).
+// The tool's bench command and the benchmarks both measure against it.
 class PlainStream {
 public:
     bool open(const char* path, int stream_index, AVMediaType best = AVMEDIA_TYPE_VIDEO) {
+        return open_input(path) && find_stream_info() && open_decoder(stream_index, best);
+    }
+
+    // The steps of open, for a caller that times each.
+    bool open_input(const char* path) {
         AVFormatContext* raw = nullptr;
         if (avformat_open_input(&raw, path, nullptr, nullptr) < 0) return false;  // frees `raw` itself
         fmt_.reset(raw);
-        if (avformat_find_stream_info(raw, nullptr) < 0) return false;
+        return true;
+    }
+    bool find_stream_info() { return avformat_find_stream_info(fmt_.get(), nullptr) >= 0; }
+    bool open_decoder(int stream_index, AVMediaType best = AVMEDIA_TYPE_VIDEO) {
+        AVFormatContext* raw = fmt_.get();
         if (stream_index < 0) stream_index = av_find_best_stream(raw, best, -1, -1, nullptr, 0);
         if (stream_index < 0 || stream_index >= static_cast<int>(raw->nb_streams)) return false;
         index_ = stream_index;
@@ -52,6 +62,7 @@ public:
     int next(AVFrame* frame) {
         for (;;) {
             const int received = avcodec_receive_frame(codec_.get(), frame);
+            if (received >= 0) ++decoded;
             if (received != AVERROR(EAGAIN)) return received;
             const int read = av_read_frame(fmt_.get(), packet_.get());
             if (read == AVERROR_EOF) {
@@ -67,6 +78,7 @@ public:
 
     // Key frame at or before `ts` (stream time base), decoder flushed.
     bool seek(int64_t ts) {
+        ++seeks;
         const int sought = av_seek_frame(fmt_.get(), index_, ts, AVSEEK_FLAG_BACKWARD);
         avcodec_flush_buffers(codec_.get());
         return sought >= 0;
@@ -76,6 +88,11 @@ public:
     AVRational time_base() const { return stream_->time_base; }
     int64_t start() const { return stream_->start_time == AV_NOPTS_VALUE ? 0 : stream_->start_time; }
     int64_t ticks_per_second() const { return stream_->time_base.den / std::max(stream_->time_base.num, 1); }
+
+    // What the loop has done since it was opened, for comparison with the
+    // library's own counters.
+    uint64_t decoded = 0;
+    uint64_t seeks = 0;
 
 private:
     ff::UniqueAVFormatInput fmt_;
@@ -107,6 +124,8 @@ public:
         sws_scale(sws_.get(), frame->data, frame->linesize, 0, frame->height, data_, linesize_);
         return true;
     }
+    // The converted picture's first plane.
+    const uint8_t* data() const { return data_[0]; }
 
 private:
     ff::UniqueSwsContext sws_;
@@ -124,5 +143,11 @@ const AVFrame* plain_frame_at(PlainStream& s, int64_t target, ff::UniqueAVFrame&
 // A resampler to packed float at `rate` and `channels`, set up from a decoded
 // frame (only decoded frames tell the real layout and rate).
 bool open_resampler(ff::UniqueSwrContext& swr, const AVFrame* frame, int rate, int channels);
+
+// Decodes on from where `s` stands and converts with swr_convert to packed
+// float at `rate` and `channels`, until `wanted` samples are converted (a
+// negative count: to the end of the stream). Returns the samples converted,
+// -1 when no frame can be allocated.
+long long plain_resample(PlainStream& s, int rate, int channels, long long wanted);
 
 }  // namespace cli
