@@ -1,9 +1,8 @@
 #include "host_walk.h"
 
 #include <chrono>
-#include <condition_variable>
+#include <future>
 #include <memory>
-#include <mutex>
 
 #include "audio_mixer.h"
 #include "audio_overview.h"
@@ -31,24 +30,14 @@ bool picture_ok(const std::shared_ptr<ff::VFrameCtx>& p) {
     return p && p->width > 0 && p->height > 0 && p->data[0];
 }
 
+// The answer, if it comes within `wait_ms`; the promise outlives a late one.
 template <typename Frame, typename Ask>
 std::shared_ptr<Frame> ask_async(int wait_ms, Ask ask) {
-    struct Slot {
-        std::mutex mutex;
-        std::condition_variable done;
-        std::shared_ptr<Frame> frame;
-        bool answered = false;
-    };
-    auto slot = std::make_shared<Slot>();
-    ask([slot](std::shared_ptr<Frame> f) {
-        std::lock_guard<std::mutex> lock(slot->mutex);
-        slot->frame = std::move(f);
-        slot->answered = true;
-        slot->done.notify_one();
-    });
-    std::unique_lock<std::mutex> lock(slot->mutex);
-    slot->done.wait_for(lock, std::chrono::milliseconds(wait_ms), [&] { return slot->answered; });
-    return slot->frame;
+    auto answer = std::make_shared<std::promise<std::shared_ptr<Frame>>>();
+    std::future<std::shared_ptr<Frame>> frame = answer->get_future();
+    ask([answer](std::shared_ptr<Frame> f) { answer->set_value(std::move(f)); });
+    if (frame.wait_for(std::chrono::milliseconds(wait_ms)) != std::future_status::ready) return nullptr;
+    return frame.get();
 }
 
 void walk_video(const ff::StreamCtx& st, int wait_ms, Report& r) {

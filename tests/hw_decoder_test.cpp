@@ -5,15 +5,17 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <tuple>
 
 #include "ff_ptr.h"
 #include "ff_tools.h"
 #include "ffdec_instance.h"
 #include "hw/hw_decoder.h"
-#include "media.h"
+#include "support.h"
 
 using namespace ff;
 using testmedia::LogCapture;
+using testsupport::contains;
 
 namespace {
 
@@ -26,8 +28,6 @@ std::vector<std::string> decode_digests(const std::string& file) {
     while (inst.get_frame(pkt.get(), frame.get()) >= 0) digests.push_back(testmedia::picture_digest(frame.get()));
     return digests;
 }
-
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // A raw-video context carrying a hardware record that get_format refused
 // (state 0): its frames are plain 16x16 GRAY8, which `surface` may name as the
@@ -129,7 +129,6 @@ TEST(HwDecoder, RefusedSurfaceFormatTurnsTheContextToSoftware) {
     // Without a record the first format is taken.
     EXPECT_EQ(get_hw_format(ctx, offered), AV_PIX_FMT_YUV420P);
     EXPECT_EQ(get_hw_format(ctx, nullptr), AV_PIX_FMT_NONE);
-
     // The record is freed with the context (the leak checker watches).
     int foreign = 0;
     auto* record = static_cast<HWCodecState*>(std::malloc(sizeof(HWCodecState)));
@@ -174,16 +173,11 @@ TEST(HwDecoder, TransferredFramesKeepEveryProperty) {
     // A software frame stands in for the device frame: the transfer's result
     // takes its timing, aspect ratio and colour description.
     UniqueAVFrame device = make_frame(), system = make_frame();
-    device->pts = 1200;
-    device->best_effort_timestamp = 1201;
-    device->sample_aspect_ratio = AVRational{4, 3};
-    device->color_primaries = AVCOL_PRI_BT2020;
-    device->color_trc = AVCOL_TRC_SMPTE2084;
-    device->colorspace = AVCOL_SPC_BT2020_NCL;
-    device->color_range = AVCOL_RANGE_JPEG;
-    system->format = AV_PIX_FMT_NV12;
-    system->width = 64;
-    system->height = 32;
+    std::tie(device->pts, device->best_effort_timestamp, device->sample_aspect_ratio) =
+        std::make_tuple(1200, 1201, AVRational{4, 3});
+    std::tie(device->color_primaries, device->color_trc, device->colorspace, device->color_range) =
+        std::make_tuple(AVCOL_PRI_BT2020, AVCOL_TRC_SMPTE2084, AVCOL_SPC_BT2020_NCL, AVCOL_RANGE_JPEG);
+    std::tie(system->format, system->width, system->height) = std::make_tuple(AV_PIX_FMT_NV12, 64, 32);
     ASSERT_EQ(av_frame_get_buffer(system.get(), 0), 0);
     ASSERT_EQ(finish_transfer(device.get(), system.get()), 0);
     EXPECT_TRUE(device->format == AV_PIX_FMT_NV12 && device->width == 64 && device->data[0]);

@@ -1,16 +1,15 @@
-#include <algorithm>
+// The buffer pool: alignment, size classes reused oldest first, the counts it
+// reports, warnings for foreign and second frees, and collection by age.
+#include <gtest/gtest.h>
+
 #include <array>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
-#include <set>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
+#include <utility>
 
 #include "ff_tools.h"
+#include "support.h"
 #include "utils/mempool.h"
 #include "utils/mempool_testing.h"
 
@@ -20,9 +19,9 @@ namespace mp = bg::mempool;
 
 const char kWarning[] = "\"[mempool] *warnning* free to pool: bufflist not exist.\"\n";
 
-// Sizes whose classes no other code of the library asks for, so that buffers
-// of other tests in this process cannot show up in these lists.
-constexpr unsigned kOddSize = 1000003;  // class 1000032
+// A size whose class (1000032) no other code of the library asks for, so that
+// buffers of other tests in this process cannot show up in these lists.
+constexpr unsigned kOddSize = 1000003;
 
 std::atomic<long long> g_fake_now{0};
 
@@ -33,26 +32,18 @@ Counts counts() {
     return {s.handed_out_count, s.handed_out_bytes, s.free_count, s.free_bytes};
 }
 
-std::string free_and_capture_stderr(void* p) {
-    testing::internal::CaptureStderr();
-    mp::free(p);
-    return testing::internal::GetCapturedStderr();
-}
+std::string free_warning(void* p) { return testsupport::stderr_of([p] { mp::free(p); }); }
 
-TEST(MempoolAlignedTest, PowerOfTwoAlignmentsOnly) {
+TEST(MempoolTest, AlignmentsClassesOrderAndStats) {
     for (unsigned alignment : {0u, 1u, 2u, 16u, 4096u}) {
         void* p = bg::mem::aligned_malloc(100, alignment);
         EXPECT_TRUE(p && bg::mem::is_aligned(p, alignment == 0 ? 1 : alignment)) << alignment;
         bg::mem::aligned_free(p);
     }
-    EXPECT_EQ(bg::mem::aligned_malloc(64, 3), nullptr);
-    EXPECT_EQ(bg::mem::aligned_malloc(64, 48), nullptr);
+    EXPECT_TRUE(bg::mem::aligned_malloc(64, 3) == nullptr && bg::mem::aligned_malloc(64, 48) == nullptr);
     alignas(16) static unsigned char block[32];
-    EXPECT_FALSE(bg::mem::is_aligned(block + 8, 16));
-    EXPECT_TRUE(mp::is_alignment(block + 8, 8));
-}
+    EXPECT_TRUE(!bg::mem::is_aligned(block + 8, 16) && mp::is_alignment(block + 8, 8));
 
-TEST(MempoolReuseTest, ClassesOrderAndStats) {
     mp::collection(0);  // nobody else's buffer may be waiting
     void* a = mp::malloc(100, 16);
     ASSERT_NE(a, nullptr);
@@ -73,21 +64,19 @@ TEST(MempoolReuseTest, ClassesOrderAndStats) {
     mp::free(x);
     mp::free(y);
     EXPECT_EQ(counts(), (Counts{c0[0], c0[1], c0[2] + 2, c0[3] + 2 * 1000032}));
-    EXPECT_EQ(mp::malloc(kOddSize, 16), x);
-    EXPECT_EQ(mp::malloc(kOddSize, 16), y);
+    EXPECT_TRUE(mp::malloc(kOddSize, 16) == x && mp::malloc(kOddSize, 16) == y);
     mp::free(x);
     mp::free(y);
-
     const Counts before = counts();
     EXPECT_EQ(mp::malloc(0xFFFFFFF0u, 16), nullptr);  // too large for a class
     EXPECT_EQ(counts(), before);
 }
 
-TEST(MempoolWarningTest, ForeignAndSecondFreeWarnAndChangeNothing) {
+TEST(MempoolTest, ForeignAndSecondFreeWarnAndChangeNothing) {
     char* foreign = static_cast<char*>(std::malloc(64));
     std::memset(foreign, 0x3c, 64);
     Counts before = counts();
-    EXPECT_EQ(free_and_capture_stderr(foreign), kWarning);
+    EXPECT_EQ(free_warning(foreign), kWarning);
     EXPECT_EQ(counts(), before);
     for (int i = 0; i < 64; ++i) ASSERT_EQ(foreign[i], 0x3c);
     std::free(foreign);  // still ours: ASan would catch a release by the pool
@@ -95,9 +84,9 @@ TEST(MempoolWarningTest, ForeignAndSecondFreeWarnAndChangeNothing) {
     mp::collection(0);
     void* p = mp::malloc(kOddSize, 16);
     ASSERT_NE(p, nullptr);
-    EXPECT_EQ(free_and_capture_stderr(p), "");
+    EXPECT_EQ(free_warning(p), "");
     before = counts();
-    EXPECT_EQ(free_and_capture_stderr(p), kWarning);
+    EXPECT_EQ(free_warning(p), kWarning);
     EXPECT_EQ(counts(), before);
     // Were it listed twice, two callers would be handed the same memory.
     EXPECT_EQ(mp::malloc(kOddSize, 16), p);
@@ -107,9 +96,12 @@ TEST(MempoolWarningTest, ForeignAndSecondFreeWarnAndChangeNothing) {
     mp::free(b);
 }
 
-TEST(MempoolCollectionTest, ZeroReleasesAllFreeButNotHandedOut) {
+TEST(MempoolTest, CollectionReleasesFreeBuffersIdleLongerThanAge) {
+    // Age 0 releases every free buffer, none handed out; through the exported
+    // layer, which first has the library's caches give back what they hold.
+    ff::mem_collection(0);
     EXPECT_EQ(ff::mem_malloc(-1, 16), nullptr);
-    void* kept = ff::mem_malloc(static_cast<int>(kOddSize), 16);  // the exported layer
+    void* kept = ff::mem_malloc(static_cast<int>(kOddSize), 16);
     void* returned = mp::malloc(kOddSize, 16);
     ASSERT_TRUE(kept && returned);
     EXPECT_TRUE(mp::is_alignment(kept, 16));
@@ -118,12 +110,9 @@ TEST(MempoolCollectionTest, ZeroReleasesAllFreeButNotHandedOut) {
     ff::mem_collection(0);
     EXPECT_EQ(counts(), (Counts{before[0], before[1], 0, 0}));
     std::memset(kept, 0x11, kOddSize);  // still valid memory
-    EXPECT_EQ(free_and_capture_stderr(kept), "");
+    EXPECT_EQ(free_warning(kept), "");
     EXPECT_EQ(mp::stats().free_count, 1u);
-    mp::collection(0);
-}
 
-TEST(MempoolCollectionTest, ReleasesOnlyBuffersIdleLongerThanAge) {
     mp::collection(0);
     void* old_buf = mp::malloc(kOddSize, 16);
     void* young = mp::malloc(kOddSize, 16);
@@ -133,15 +122,12 @@ TEST(MempoolCollectionTest, ReleasesOnlyBuffersIdleLongerThanAge) {
     mp::free(old_buf);  // idle since 0
     g_fake_now = 1000;
     mp::free(young);  // idle since 1000
-    g_fake_now = 1500;
-    mp::collection(1000);
-    EXPECT_EQ(mp::stats().free_count, 1u);
-    g_fake_now = 2000;
-    mp::collection(1000);  // the young one, idle exactly 1000 ms: kept
-    EXPECT_EQ(mp::stats().free_count, 1u);
-    g_fake_now = 2001;
-    mp::collection(1000);  // 1001 ms: released
-    EXPECT_EQ(mp::stats().free_count, 0u);
+    // now, free buffers left: the young one, idle exactly 1000 ms, is kept; at 1001 ms released
+    for (auto [now, left] : {std::pair<long long, std::size_t>{1500, 1}, {2000, 1}, {2001, 0}}) {
+        g_fake_now = now;
+        mp::collection(1000);
+        EXPECT_EQ(mp::stats().free_count, left) << now;
+    }
     mp::set_clock_for_testing(nullptr);
 }
 

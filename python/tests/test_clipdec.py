@@ -132,25 +132,25 @@ def test_async_requests_call_back_and_a_raising_callback_is_reported():
     assert all(isinstance(e, RuntimeError) for e in reported)
 
 
-def test_errors_are_the_documented_exceptions():
-    with pytest.raises(clipdec.Error) as missing:
-        clipdec.probe(media("missing.mp4"))
-    assert isinstance(missing.value, OSError)
-    with pytest.raises(clipdec.Error):
-        clipdec.AudioDecoder(media("h264_23976.mp4"))  # no audio stream
+def closed_decoder():
     video = clipdec.VideoDecoder(media("h264_cfr.mp4"))
     video.close()
-    with pytest.raises(clipdec.Error):
-        video.frame_at(1)
-    with clipdec.VideoDecoder(media("h264_cfr.mp4")) as video:
-        with pytest.raises(ValueError):
-            video.frame_at(1, format="bgr")
-        with pytest.raises(ValueError):
-            video.frame_at(-1)
-        with pytest.raises(ValueError):
-            video.speed = 9
-        with pytest.raises(TypeError):
-            video.frame_at([1])
+    return video
+
+
+@pytest.mark.parametrize("call, error", [
+    (lambda: clipdec.probe(media("missing.mp4")), clipdec.Error),
+    (lambda: clipdec.AudioDecoder(media("h264_23976.mp4")), clipdec.Error),  # no audio stream
+    (lambda: closed_decoder().frame_at(1), clipdec.Error),
+    (lambda: clipdec.VideoDecoder(media("h264_cfr.mp4")).frame_at(1, format="bgr"), ValueError),
+    (lambda: clipdec.VideoDecoder(media("h264_cfr.mp4")).frame_at(-1), ValueError),
+    (lambda: setattr(clipdec.VideoDecoder(media("h264_cfr.mp4")), "speed", 9), ValueError),
+    (lambda: clipdec.VideoDecoder(media("h264_cfr.mp4")).frame_at([1]), TypeError),
+])
+def test_errors_are_the_documented_exceptions(call, error):
+    with pytest.raises(error):
+        call()
+    assert issubclass(clipdec.Error, OSError)
 
 
 def test_probe_speed_reverse_and_timeline_tools():
