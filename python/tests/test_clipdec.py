@@ -91,22 +91,21 @@ def test_blocking_calls_release_the_gil(tmp_path):
     # One long call on a thread; the main thread must run meanwhile.
     path = tmp_path / "ramp.flac"
     shutil.copy(media("ramp60.flac"), path)
-    state = {"started": False, "done": False}
+    started, done = threading.Event(), threading.Event()
 
     def work():
-        state["started"] = True
+        started.set()
         clipdec.waveform(path)
-        state["done"] = True
+        done.set()
 
     old = sys.getswitchinterval()
     sys.setswitchinterval(1.0)  # without a release, the worker would keep the GIL for its whole call
     try:
         thread = threading.Thread(target=work)
         thread.start()
-        while not state["started"]:
-            pass
+        started.wait()
         spins = 0
-        while not state["done"]:
+        while not done.is_set():
             spins += 1
         thread.join()
     finally:
@@ -115,14 +114,13 @@ def test_blocking_calls_release_the_gil(tmp_path):
 
 
 def test_async_requests_call_back_and_a_raising_callback_is_reported():
-    answers, reported = [], []
-    done = threading.Event()
-    old_hook = sys.unraisablehook
-    sys.unraisablehook = lambda u: reported.append(u.exc_value)
+    answers, reported, done = [], [], threading.Event()
+    old_hook, sys.unraisablehook = sys.unraisablehook, lambda u: reported.append(u.exc_value)
+
+    def fails(frame):
+        raise RuntimeError("host callback failed")
     try:
         with clipdec.VideoDecoder(media("h264_cfr.mp4")) as video:
-            def fails(frame):
-                raise RuntimeError("host callback failed")
             video.frame_at_async(1, fails)
             video.frame_at_async(2, lambda f: (answers.append(index_of(f)), done.set()))
             assert done.wait(30)
@@ -159,10 +157,9 @@ def test_probe_speed_reverse_and_timeline_tools():
     video_stream = movie.first("video")
     assert (video_stream.width, video_stream.height, video_stream.frame_rate) == (320, 240, 25)
     assert movie.first("audio").sample_rate == 48000
-    with clipdec.VideoDecoder(video_stream, speed=2) as fast:
-        assert index_of(fast.frame_at(1)) == 50
-    with clipdec.VideoDecoder(media("h264_cfr.mp4"), reverse=True) as backwards:
-        assert index_of(backwards.frame_at(0)) == 99
+    with clipdec.VideoDecoder(video_stream, speed=2) as fast, \
+            clipdec.VideoDecoder(media("h264_cfr.mp4"), reverse=True) as backwards:
+        assert index_of(fast.frame_at(1)) == 50 and index_of(backwards.frame_at(0)) == 99
 
     thumb = clipdec.thumbnail(media("h264_cfr.mp4"), at=2, size=(160, 0))
     assert index_of(thumb) == 50 and thumb.width == 160
@@ -175,10 +172,9 @@ def test_probe_speed_reverse_and_timeline_tools():
     assert [index_of(p.frame) for p in strip] == [0, 0, 0, 250]
     assert [p.asked for p in strip] == [Fraction(3, 2), Fraction(9, 2), Fraction(15, 2), Fraction(21, 2)]
 
-    mixer = clipdec.Mixer(rate=48000, channels=2, format="s16")
     tone = ramp(0, 960)
+    mixer = clipdec.Mixer(rate=48000, channels=2, format="s16")
     mixed = mixer.mix(0, Fraction(1, 50), [("a", tone, 1.0), ("b", tone, 0.5)])
-    assert mixed.shape == (960, 2)
     expected = numpy.clip(tone.astype(numpy.int32) + tone.astype(numpy.int32) * 64 // 128, -32768, 32767)
-    assert numpy.array_equal(mixed, expected)
+    assert mixed.shape == (960, 2) and numpy.array_equal(mixed, expected)
     assert clipdec.audio_peak(tone, format="s16") == 100
