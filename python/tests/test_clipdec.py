@@ -157,9 +157,10 @@ def test_probe_speed_reverse_and_timeline_tools():
     video_stream = movie.first("video")
     assert (video_stream.width, video_stream.height, video_stream.frame_rate) == (320, 240, 25)
     assert movie.first("audio").sample_rate == 48000
-    with clipdec.VideoDecoder(video_stream, speed=2) as fast, \
-            clipdec.VideoDecoder(media("h264_cfr.mp4"), reverse=True) as backwards:
-        assert index_of(fast.frame_at(1)) == 50 and index_of(backwards.frame_at(0)) == 99
+    with clipdec.VideoDecoder(video_stream, speed=2) as fast:
+        assert index_of(fast.frame_at(1)) == 50
+    with clipdec.VideoDecoder(media("h264_cfr.mp4"), reverse=True) as backwards:  # alone, so its cache starts empty
+        assert index_of(backwards.frame_at(0)) == 99
 
     thumb = clipdec.thumbnail(media("h264_cfr.mp4"), at=2, size=(160, 0))
     assert index_of(thumb) == 50 and thumb.width == 160
