@@ -40,12 +40,10 @@ TEST(FsPathTest, NativeSeparatorsAndTmpDir) {
     };
     for (const auto& c : cases) EXPECT_EQ(fs::to_native_filepath(c[0]), c[1]) << c[0];
     const std::string saved = std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "";
-    ::setenv("TMPDIR", "/var//scratch\\x/", 1);
-    EXPECT_EQ(fs::tmp_dir(), "/var/scratch/x/");
-    ::setenv("TMPDIR", "", 1);
-    EXPECT_EQ(fs::tmp_dir(), "/tmp");
-    ::unsetenv("TMPDIR");
-    EXPECT_EQ(fs::tmp_dir(), "/tmp");
+    for (const auto& [value, dir] : {std::pair("/var//scratch\\x/", "/var/scratch/x/"), {"", "/tmp"}, {nullptr, "/tmp"}}) {
+        value ? ::setenv("TMPDIR", value, 1) : ::unsetenv("TMPDIR");
+        EXPECT_EQ(fs::tmp_dir(), dir) << (value ? value : "(unset)");
+    }
     if (!saved.empty()) ::setenv("TMPDIR", saved.c_str(), 1);
 }
 
