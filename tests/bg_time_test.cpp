@@ -1,3 +1,6 @@
+// The clock: every resolution agrees by truncation for any counter value,
+// the live clock is wall time and never goes back, and threads racing to be
+// the first caller agree on one anchoring.
 #include <array>
 #include <atomic>
 #include <cstdlib>

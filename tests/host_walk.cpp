@@ -1,9 +1,9 @@
 #include "host_walk.h"
 
 #include <chrono>
-#include <condition_variable>
+#include <future>
 #include <memory>
-#include <mutex>
+#include <tuple>
 
 #include "audio_mixer.h"
 #include "audio_overview.h"
@@ -31,24 +31,14 @@ bool picture_ok(const std::shared_ptr<ff::VFrameCtx>& p) {
     return p && p->width > 0 && p->height > 0 && p->data[0];
 }
 
+// The answer, if it comes within `wait_ms`; the promise outlives a late one.
 template <typename Frame, typename Ask>
 std::shared_ptr<Frame> ask_async(int wait_ms, Ask ask) {
-    struct Slot {
-        std::mutex mutex;
-        std::condition_variable done;
-        std::shared_ptr<Frame> frame;
-        bool answered = false;
-    };
-    auto slot = std::make_shared<Slot>();
-    ask([slot](std::shared_ptr<Frame> f) {
-        std::lock_guard<std::mutex> lock(slot->mutex);
-        slot->frame = std::move(f);
-        slot->answered = true;
-        slot->done.notify_one();
-    });
-    std::unique_lock<std::mutex> lock(slot->mutex);
-    slot->done.wait_for(lock, std::chrono::milliseconds(wait_ms), [&] { return slot->answered; });
-    return slot->frame;
+    auto answer = std::make_shared<std::promise<std::shared_ptr<Frame>>>();
+    std::future<std::shared_ptr<Frame>> frame = answer->get_future();
+    ask([answer](std::shared_ptr<Frame> f) { answer->set_value(std::move(f)); });
+    if (frame.wait_for(std::chrono::milliseconds(wait_ms)) != std::future_status::ready) return nullptr;
+    return frame.get();
 }
 
 void walk_video(const ff::StreamCtx& st, int wait_ms, Report& r) {
@@ -63,18 +53,15 @@ void walk_video(const ff::StreamCtx& st, int wait_ms, Report& r) {
         req.time = t;
         r.pictures += picture_ok(dec.getVideoFrame(req));
     }
-    req.format = ff::PF_YUV420P;
-    req.divider = 3;
+    std::tie(req.format, req.divider) = std::make_tuple(ff::PF_YUV420P, 3);
     r.pictures += picture_ok(dec.getVideoFrame(req));
-    req.format = ff::PF_NV12;
-    req.divider = dec.getImageDivider(ff::MM_AUTO);
+    std::tie(req.format, req.divider) = std::make_tuple(ff::PF_NV12, dec.getImageDivider(ff::MM_AUTO));
     r.pictures += picture_ok(dec.getVideoFrame(req));
 
     req.format = static_cast<ff::PixelFormat>(ff::FMT_SEEK_ONLY);
     req.time = length * Rational(1, 4);
     dec.getVideoFrame(req);  // positioning: no answer
-    req.format = ff::PF_RGBA;
-    req.divider = 1;
+    std::tie(req.format, req.divider) = std::make_tuple(ff::PF_RGBA, 1);
     r.pictures += picture_ok(ask_async<ff::VFrameCtx>(wait_ms, [&](auto callback) { dec.getVideoFrameAsync(req, callback); }));
 
     dec.setSpeed(2.0);
@@ -108,9 +95,7 @@ void walk_audio(const ff::StreamCtx& st, int wait_ms, Report& r) {
         mixer.end();
     }
     const Rational length = duration_of(st);
-    req.format = ff::SF_FLT;
-    req.sample_rate = 44100;
-    req.channels = 1;
+    std::tie(req.format, req.sample_rate, req.channels) = std::make_tuple(ff::SF_FLT, 44100, 1);
     req.range = ff::Range(length * Rational(1, 2), length * Rational(1, 2) + Rational(1, 10));
     r.audio_spans += dec.getAudioFrame(req) != nullptr;
     req.range = ff::Range(length + Rational(2, 1), length + Rational(3, 1));
@@ -118,17 +103,13 @@ void walk_audio(const ff::StreamCtx& st, int wait_ms, Report& r) {
 
     req.format = static_cast<ff::SampleFormat>(ff::FMT_SEEK_ONLY);
     dec.getAudioFrame(req);  // positioning
-    req.format = ff::SF_U8;
-    req.channels = 6;
-    req.sample_rate = 8000;
+    std::tie(req.format, req.channels, req.sample_rate) = std::make_tuple(ff::SF_U8, 6, 8000);
     req.range = ff::Range(Rational(0, 1), Rational(1, 5));
     r.audio_spans += ask_async<ff::AFrameCtx>(wait_ms, [&](auto callback) { dec.getAudioFrameAsync(req, callback); }) != nullptr;
 
     dec.setSpeed(1.5);
     dec.setFilters("volume=0.5");
-    req.format = ff::SF_S32;
-    req.channels = 2;
-    req.sample_rate = 48000;
+    std::tie(req.format, req.channels, req.sample_rate) = std::make_tuple(ff::SF_S32, 2, 48000);
     for (int k = 0; k < 3; ++k) {
         req.range = ff::Range(Rational(k, 50), Rational(k + 1, 50));
         r.audio_spans += dec.getAudioFrame(req) != nullptr;

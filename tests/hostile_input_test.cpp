@@ -1,7 +1,9 @@
-// The hostile-input suite (scripts/gen_hostile.sh): every public entry point,
-// through one host pass per file, answers its failure result or real frames;
-// nothing crashes, hangs (each case is bounded) or leaks (the sanitizer
-// build's leak check). Also a file deleted or rewritten while decoders read it.
+// Robustness: the hostile-input suite (scripts/gen_hostile.sh) through one
+// host pass per file, every public entry point answering its failure result
+// or real frames; the inputs the fuzz targets once crashed on, replayed
+// through the same drivers; a file deleted or rewritten while decoders read
+// it. Nothing crashes, hangs (each case is bounded) or leaks (the sanitizer
+// build's leak check).
 #include <gtest/gtest.h>
 
 #include <dirent.h>
@@ -9,13 +11,14 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
 #include "ff_tools.h"
 #include "ffdecoder.h"
+#include "fuzz_drivers.h"
 #include "host_walk.h"
 #include "media.h"
 #include "watchdog.h"
@@ -24,18 +27,17 @@ namespace {
 
 constexpr auto kCaseLimit = std::chrono::seconds(120);  // sanitizer builds are slow
 
-std::vector<std::string> hostile_files() {
+// The names in a directory, sorted.
+std::vector<std::string> files_in(const std::string& dir) {
     std::vector<std::string> names;
-    if (DIR* dir = opendir(CLIPDEC_TEST_HOSTILE)) {
-        while (const dirent* e = readdir(dir))
+    if (DIR* d = opendir(dir.c_str())) {
+        while (const dirent* e = readdir(d))
             if (e->d_name[0] != '.') names.emplace_back(e->d_name);
-        closedir(dir);
+        closedir(d);
     }
     std::sort(names.begin(), names.end());
     return names;
 }
-
-std::string path_of(const std::string& name) { return std::string(CLIPDEC_TEST_HOSTILE) + "/" + name; }
 
 bool starts_with(const std::string& s, const char* prefix) { return s.rfind(prefix, 0) == 0; }
 
@@ -45,17 +47,13 @@ TEST_P(HostileInput, AnswersFailureOrRealFrames) {
     const std::string name = GetParam();
     testsupport::Watchdog watchdog("hostile input " + name, kCaseLimit);
     testmedia::LogCapture quiet;  // the library says a lot about broken files
-    const hostwalk::Report r = hostwalk::walk(path_of(name));
-    if (starts_with(name, "bad_")) {
-        EXPECT_FALSE(r.probed);
-        EXPECT_FALSE(r.thumbnail);
-    }
+    const hostwalk::Report r = hostwalk::walk(std::string(CLIPDEC_TEST_HOSTILE) + "/" + name);
+    EXPECT_FALSE(starts_with(name, "bad_") && (r.probed || r.thumbnail));
     if (starts_with(name, "ok_")) {
-        EXPECT_TRUE(r.probed);
+        EXPECT_TRUE(r.probed && r.thumbnail);
         EXPECT_EQ(r.streams_opened, 2);
         EXPECT_GE(r.pictures, 8);
         EXPECT_GE(r.audio_spans, 8);
-        EXPECT_TRUE(r.thumbnail);
     }
 }
 
@@ -66,27 +64,46 @@ std::string case_name(const testing::TestParamInfo<std::string>& info) {
     return s;
 }
 
-INSTANTIATE_TEST_SUITE_P(Suite, HostileInput, testing::ValuesIn(hostile_files()), case_name);
+INSTANTIATE_TEST_SUITE_P(Suite, HostileInput, testing::ValuesIn(files_in(CLIPDEC_TEST_HOSTILE)), case_name);
 
 TEST(HostileInputSuite, HasEveryKindOfCase) {
-    const std::vector<std::string> files = hostile_files();
+    const std::vector<std::string> files = files_in(CLIPDEC_TEST_HOSTILE);
+    const auto count = [&](const char* prefix) {
+        return std::count_if(files.begin(), files.end(), [&](const std::string& f) { return starts_with(f, prefix); });
+    };
     EXPECT_GE(files.size(), 30u);
-    EXPECT_GE(std::count_if(files.begin(), files.end(), [](const std::string& f) { return starts_with(f, "ok_"); }), 3);
-    EXPECT_GE(std::count_if(files.begin(), files.end(), [](const std::string& f) { return starts_with(f, "bad_"); }), 4);
+    EXPECT_GE(count("ok_"), 3);
+    EXPECT_GE(count("bad_"), 4);
+}
+
+TEST(HostileInputSuite, EveryFormerFuzzCrashNowPasses) {
+    testsupport::Watchdog watchdog("fuzz regressions", std::chrono::seconds(300));
+    testmedia::LogCapture quiet;
+    for (const char* kind : {"movie", "pcm"}) {
+        const std::string dir = std::string(CLIPDEC_FUZZ_REGRESSIONS) + "/" + kind;
+        for (const std::string& name : files_in(dir)) {
+            SCOPED_TRACE(dir + "/" + name);
+            std::ifstream in(dir + "/" + name, std::ios::binary);
+            const std::vector<uint8_t> data{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+            (kind[0] == 'm' ? fuzzdrive::movie_bytes : fuzzdrive::pcm_bytes)(data.data(), data.size());
+        }
+    }
+    // The drivers also take what is too short to mean anything.
+    const uint8_t tiny[2] = {9, 9};
+    fuzzdrive::pcm_bytes(tiny, sizeof tiny);
+    fuzzdrive::movie_bytes(tiny, 0);
 }
 
 void copy_file(const std::string& from, const std::string& to) {
-    std::ifstream in(from, std::ios::binary);
-    std::ofstream out(to, std::ios::binary | std::ios::trunc);
-    out << in.rdbuf();
+    std::ofstream(to, std::ios::binary | std::ios::trunc) << std::ifstream(from, std::ios::binary).rdbuf();
 }
 
 // The file goes away, or becomes other bytes, while two decoders read it:
-// answers are frames or nothing, and closing afterwards is clean.
+// whatever they answer, nothing crashes and closing afterwards is clean.
 TEST(HostileInputSuite, FileDeletedOrRewrittenWhileDecodersRead) {
     testsupport::Watchdog watchdog("file changed under decoders", kCaseLimit);
     testmedia::LogCapture quiet;
-    for (const char* change : {"delete", "rewrite", "truncate"}) {
+    for (const std::string change : {"delete", "rewrite", "truncate"}) {
         const std::string path = std::string(CLIPDEC_TEST_TMP) + "/changing_" + change + ".mp4";
         copy_file(testmedia::path("h264_cfr.mp4"), path);
         const ff::MovieCtx* movie = ff::getMovieInfo(path.c_str(), nullptr);
@@ -97,29 +114,22 @@ TEST(HostileInputSuite, FileDeletedOrRewrittenWhileDecodersRead) {
         ff::RequireVideoFrame vreq;
         vreq.time = ff::Rational(1, 2);
         ASSERT_NE(video.getVideoFrame(vreq), nullptr);
-
-        if (std::string(change) == "delete") {
-            unlink(path.c_str());
-        } else if (std::string(change) == "rewrite") {
-            copy_file(testmedia::path("random.bin"), path);
-        } else {
-            truncate(path.c_str(), 3000);
-        }
-        int answered = 0;
+        if (change == "delete") unlink(path.c_str());
+        if (change == "rewrite") copy_file(testmedia::path("random.bin"), path);
+        EXPECT_TRUE(change != "truncate" || truncate(path.c_str(), 3000) == 0);
         for (int k = 0; k < 100; ++k) {
             vreq.time = ff::Rational((k * 37) % 100, 25);  // forward and back over the whole file
-            answered += video.getVideoFrame(vreq) != nullptr;
+            video.getVideoFrame(vreq);
             ff::RequireAudioFrame areq;
             areq.range = ff::Range(ff::Rational(k, 25), ff::Rational(k + 1, 25));
-            answered += audio.getAudioFrame(areq) != nullptr;
+            audio.getAudioFrame(areq);
         }
         ff::RequireMvImage thumb;
         thumb.time = ff::Rational(3, 1);
         ff::getMovieImage(path.c_str(), thumb, nullptr);
-        EXPECT_TRUE(video.reopen() || true);  // either answer is fine; it must not crash
+        video.reopen();
         video.close();
         audio.close();
-        EXPECT_GE(answered, 0) << change;
         unlink(path.c_str());
     }
 }

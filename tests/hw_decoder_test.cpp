@@ -5,15 +5,17 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <tuple>
 
 #include "ff_ptr.h"
 #include "ff_tools.h"
 #include "ffdec_instance.h"
 #include "hw/hw_decoder.h"
-#include "media.h"
+#include "support.h"
 
 using namespace ff;
 using testmedia::LogCapture;
+using testsupport::contains;
 
 namespace {
 
@@ -27,31 +29,27 @@ std::vector<std::string> decode_digests(const std::string& file) {
     return digests;
 }
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-// A raw-video context carrying a hardware record that get_format refused
-// (state 0): its frames are plain 16x16 GRAY8, which `surface` may name as the
-// record's device format to stand in for a frame left on the device.
-AVCodecContext* open_refused_raw_context(AVPixelFormat surface) {
+// Decodes one 16x16 GRAY8 picture of value 7 at pts 5 through the hardware
+// layer, on a raw-video context carrying a hardware record that get_format
+// refused (state 0); `surface`, the record's device format, may name GRAY8 to
+// stand in for a frame left on the device.
+int receive_through_refused_context(AVPixelFormat surface, AVFrame* frame) {
     AVCodecContext* ctx = avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_RAWVIDEO));
-    if (!ctx) return nullptr;
-    ctx->width = ctx->height = 16;
-    ctx->pix_fmt = AV_PIX_FMT_GRAY8;
+    if (!ctx) return AVERROR(ENOMEM);
     auto* record = static_cast<HWCodecState*>(std::malloc(sizeof(HWCodecState)));
     if (record) *record = HWCodecState{0, surface, nullptr};
-    ctx->opaque = record;
-    if (!record || avcodec_open2(ctx, nullptr, nullptr) < 0) HWDecoder::instance()->hw_codec_free_context(&ctx);
-    return ctx;
-}
-
-// Decodes one picture of value 7 at pts 5 through the hardware layer.
-int receive_raw_picture(AVCodecContext* ctx, AVFrame* frame) {
+    std::tie(ctx->width, ctx->height, ctx->pix_fmt, ctx->opaque) = std::make_tuple(16, 16, AV_PIX_FMT_GRAY8, record);
     UniqueAVPacket pkt = make_packet();
-    if (av_new_packet(pkt.get(), 16 * 16) < 0) return AVERROR(ENOMEM);
-    std::memset(pkt->data, 7, 16 * 16);
-    pkt->pts = 5;
-    const int err = avcodec_send_packet(ctx, pkt.get());
-    return err < 0 ? err : HWDecoder::instance()->hw_codec_receive_frame(ctx, frame);
+    int err = record ? av_new_packet(pkt.get(), 16 * 16) : AVERROR(ENOMEM);
+    if (err >= 0) {
+        std::memset(pkt->data, 7, 16 * 16);
+        pkt->pts = 5;
+        err = avcodec_open2(ctx, nullptr, nullptr);
+    }
+    if (err >= 0) err = avcodec_send_packet(ctx, pkt.get());
+    if (err >= 0) err = HWDecoder::instance()->hw_codec_receive_frame(ctx, frame);
+    HWDecoder::instance()->hw_codec_free_context(&ctx);
+    return err;
 }
 
 }  // namespace
@@ -87,7 +85,6 @@ TEST(HwDecoder, UnusableDeviceFallsBackToIdenticalSoftwareFrames) {
     const std::string file = testmedia::path("h264_cfr.mp4");
     const std::vector<std::string> software = decode_digests(file);
     ASSERT_EQ(software.size(), 100u);
-
     const std::vector<const char*> types = hw_enum_devices();
     int tried = 0;
     for (const char* name : {"vaapi", "cuda", "vdpau"}) {
@@ -109,12 +106,10 @@ TEST(HwDecoder, SoftwareContextsAreAllocatedQuietlyForAudio) {
     hw_disable();
     LogCapture log;
     AVCodecContext* video = HWDecoder::instance()->hw_codec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_H264));
-    ASSERT_NE(video, nullptr);
-    EXPECT_EQ(hw_codec_state(video), nullptr);
+    ASSERT_TRUE(video && !hw_codec_state(video));
     EXPECT_EQ(log.take(), "\"type==none, 用户未启用硬件解码\"\n");
     AVCodecContext* audio = HWDecoder::instance()->hw_codec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_AAC));
-    ASSERT_NE(audio, nullptr);
-    EXPECT_EQ(log.take(), "");
+    ASSERT_TRUE(audio && log.take().empty());
     HWDecoder::instance()->hw_codec_free_context(&video);
     HWDecoder::instance()->hw_codec_free_context(&audio);
     EXPECT_EQ(video, nullptr);
@@ -129,43 +124,29 @@ TEST(HwDecoder, RefusedSurfaceFormatTurnsTheContextToSoftware) {
     // Without a record the first format is taken.
     EXPECT_EQ(get_hw_format(ctx, offered), AV_PIX_FMT_YUV420P);
     EXPECT_EQ(get_hw_format(ctx, nullptr), AV_PIX_FMT_NONE);
-
     // The record is freed with the context (the leak checker watches).
     int foreign = 0;
     auto* record = static_cast<HWCodecState*>(std::malloc(sizeof(HWCodecState)));
     *record = HWCodecState{1, AV_PIX_FMT_VAAPI, &foreign};
     ctx->opaque = record;
-    EXPECT_EQ(get_hw_format(ctx, offered), AV_PIX_FMT_VAAPI);
-    EXPECT_EQ(record->state, 1);
+    EXPECT_TRUE(get_hw_format(ctx, offered) == AV_PIX_FMT_VAAPI && record->state == 1);
     LogCapture log;
-    EXPECT_EQ(get_hw_format(ctx, software_only), AV_PIX_FMT_YUV420P);
-    EXPECT_EQ(record->state, 0);
+    EXPECT_TRUE(get_hw_format(ctx, software_only) == AV_PIX_FMT_YUV420P && record->state == 0);
     EXPECT_EQ(log.take(), "\"Failed to get HW surface format. 当前硬解码不支持该像素格式\"\n");
 
     // Software frames of a context that fell back are passed through untouched;
     // a frame in its surface format still goes to the transfer, which fails
     // here without a pool to read it back from rather than passing it up.
-    for (AVPixelFormat surface : {AV_PIX_FMT_VAAPI, AV_PIX_FMT_GRAY8}) {
-        AVCodecContext* raw = open_refused_raw_context(surface);
-        ASSERT_NE(raw, nullptr);
-        UniqueAVFrame frame = make_frame();
-        const int ret = receive_raw_picture(raw, frame.get());
-        if (surface == AV_PIX_FMT_VAAPI) {
-            ASSERT_EQ(ret, 0);
-            EXPECT_TRUE(frame->format == AV_PIX_FMT_GRAY8 && frame->width == 16 && frame->pts == 5);
-            EXPECT_EQ(frame->data[0][0], 7);
-        } else {
-            EXPECT_EQ(ret, AVERROR(EINVAL));
-            EXPECT_EQ(frame->buf[0], nullptr);
-            EXPECT_EQ(log.take(), "\"[hwdec] error transferring the data to system memory\"\n");
-        }
-        HWDecoder::instance()->hw_codec_free_context(&raw);
-    }
+    UniqueAVFrame frame = make_frame();
+    ASSERT_EQ(receive_through_refused_context(AV_PIX_FMT_VAAPI, frame.get()), 0);
+    EXPECT_TRUE(frame->format == AV_PIX_FMT_GRAY8 && frame->width == 16 && frame->pts == 5 && frame->data[0][0] == 7);
+    av_frame_unref(frame.get());
+    EXPECT_EQ(receive_through_refused_context(AV_PIX_FMT_GRAY8, frame.get()), AVERROR(EINVAL));
+    EXPECT_EQ(frame->buf[0], nullptr);
+    EXPECT_EQ(log.take(), "\"[hwdec] error transferring the data to system memory\"\n");
     // Offered the surface format again (a new sequence), it is hardware again,
     // so that its device frames are transferred.
-    EXPECT_EQ(get_hw_format(ctx, offered), AV_PIX_FMT_VAAPI);
-    EXPECT_EQ(record->state, 1);
-
+    EXPECT_TRUE(get_hw_format(ctx, offered) == AV_PIX_FMT_VAAPI && record->state == 1);
     HWDecoder::instance()->hw_codec_free_context(&ctx);
     EXPECT_EQ(ctx, nullptr);
 }
@@ -174,21 +155,16 @@ TEST(HwDecoder, TransferredFramesKeepEveryProperty) {
     // A software frame stands in for the device frame: the transfer's result
     // takes its timing, aspect ratio and colour description.
     UniqueAVFrame device = make_frame(), system = make_frame();
-    device->pts = 1200;
-    device->best_effort_timestamp = 1201;
-    device->sample_aspect_ratio = AVRational{4, 3};
-    device->color_primaries = AVCOL_PRI_BT2020;
-    device->color_trc = AVCOL_TRC_SMPTE2084;
-    device->colorspace = AVCOL_SPC_BT2020_NCL;
-    device->color_range = AVCOL_RANGE_JPEG;
-    system->format = AV_PIX_FMT_NV12;
-    system->width = 64;
-    system->height = 32;
+    std::tie(device->pts, device->best_effort_timestamp, device->sample_aspect_ratio) =
+        std::make_tuple(1200, 1201, AVRational{4, 3});
+    std::tie(device->color_primaries, device->color_trc, device->colorspace, device->color_range) =
+        std::make_tuple(AVCOL_PRI_BT2020, AVCOL_TRC_SMPTE2084, AVCOL_SPC_BT2020_NCL, AVCOL_RANGE_JPEG);
+    std::tie(system->format, system->width, system->height) = std::make_tuple(AV_PIX_FMT_NV12, 64, 32);
     ASSERT_EQ(av_frame_get_buffer(system.get(), 0), 0);
     ASSERT_EQ(finish_transfer(device.get(), system.get()), 0);
     EXPECT_TRUE(device->format == AV_PIX_FMT_NV12 && device->width == 64 && device->data[0]);
-    EXPECT_TRUE(device->pts == 1200 && device->best_effort_timestamp == 1201);
-    EXPECT_EQ(av_cmp_q(device->sample_aspect_ratio, AVRational{4, 3}), 0);
+    EXPECT_TRUE(device->pts == 1200 && device->best_effort_timestamp == 1201 &&
+                av_cmp_q(device->sample_aspect_ratio, AVRational{4, 3}) == 0);
     EXPECT_TRUE(device->color_primaries == AVCOL_PRI_BT2020 && device->color_trc == AVCOL_TRC_SMPTE2084 &&
                 device->colorspace == AVCOL_SPC_BT2020_NCL && device->color_range == AVCOL_RANGE_JPEG);
 }

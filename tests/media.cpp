@@ -18,28 +18,24 @@ std::string path(const char* name) { return std::string(CLIPDEC_TEST_MEDIA) + "/
 
 namespace {
 
-// Reads the bars from a luma (or gray) plane: the middle row, each bar's
-// centre; or, for a picture turned a quarter counter-clockwise, the middle
-// column from the bottom up.
-int read_bars(const uint8_t* plane, int linesize, int width, int height, bool turned = false) {
+// Reads the bars from a plane whose samples are `step` bytes apart (luma,
+// gray or the red of RGBA): the middle row, each bar's centre; or, for a
+// picture turned a quarter counter-clockwise, the middle column from the bottom up.
+int read_bars(const uint8_t* plane, int linesize, int width, int height, bool turned = false, int step = 1) {
     int value = 0;
     for (int bit = 0; bit < 16; ++bit) {
-        const uint8_t sample = turned ? plane[static_cast<size_t>(height - 1 - (2 * bit + 1) * height / 32) * linesize + width / 2]
-                                      : plane[static_cast<size_t>(height / 2) * linesize + (2 * bit + 1) * width / 32];
-        if (sample > 128) value |= 1 << bit;
+        const size_t at = turned ? static_cast<size_t>(height - 1 - (2 * bit + 1) * height / 32) * linesize + width / 2
+                                 : static_cast<size_t>(height / 2) * linesize + (2 * bit + 1) * width / 32 * step;
+        if (plane[at] > 128) value |= 1 << bit;
     }
     return value;
 }
 
 bool has_luma_plane(int format) {
-    switch (format) {
-        case AV_PIX_FMT_YUV420P: case AV_PIX_FMT_YUVJ420P: case AV_PIX_FMT_YUV422P:
-        case AV_PIX_FMT_YUVJ422P: case AV_PIX_FMT_YUV444P: case AV_PIX_FMT_YUVJ444P:
-        case AV_PIX_FMT_NV12: case AV_PIX_FMT_GRAY8:
-            return true;
-        default:
-            return false;
-    }
+    for (AVPixelFormat f : {AV_PIX_FMT_YUV420P, AV_PIX_FMT_YUVJ420P, AV_PIX_FMT_YUV422P, AV_PIX_FMT_YUVJ422P,
+                            AV_PIX_FMT_YUV444P, AV_PIX_FMT_YUVJ444P, AV_PIX_FMT_NV12, AV_PIX_FMT_GRAY8})
+        if (format == f) return true;
+    return false;
 }
 
 }  // namespace
@@ -61,17 +57,9 @@ int frame_index(const AVFrame* frame, bool turned) {
 
 int picture_index(const ff::VFrameCtx& picture) {
     if (!picture.data[0] || picture.width < 32 || picture.height < 2) return -1;
-    if (picture.format == AV_PIX_FMT_RGBA) {
-        // Bars read from the red channel: every fourth byte of the row.
-        const uint8_t* row = picture.data[0] + static_cast<size_t>(picture.height / 2) * picture.linesize[0];
-        int value = 0;
-        for (int bit = 0; bit < 16; ++bit)
-            if (row[((2 * bit + 1) * picture.width / 32) * 4] > 128) value |= 1 << bit;
-        return value;
-    }
-    if (picture.format == AV_PIX_FMT_YUV420P || picture.format == AV_PIX_FMT_NV12)
-        return read_bars(picture.data[0], picture.linesize[0], picture.width, picture.height);
-    return -1;
+    const bool rgba = picture.format == AV_PIX_FMT_RGBA;
+    if (!rgba && picture.format != AV_PIX_FMT_YUV420P && picture.format != AV_PIX_FMT_NV12) return -1;
+    return read_bars(picture.data[0], picture.linesize[0], picture.width, picture.height, false, rgba ? 4 : 1);
 }
 
 std::string picture_digest(const AVFrame* frame) {
@@ -143,9 +131,7 @@ LogCapture::LogCapture() : active(true) {
     testing::internal::CaptureStdout();
 }
 
-LogCapture::~LogCapture() {
-    if (active) testing::internal::GetCapturedStdout();
-}
+LogCapture::~LogCapture() { if (active) testing::internal::GetCapturedStdout(); }
 
 std::string LogCapture::take() {
     fflush(stdout);

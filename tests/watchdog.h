@@ -3,12 +3,10 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
-#include <mutex>
 #include <string>
 #include <thread>
+
+#include "support.h"
 
 namespace testsupport {
 
@@ -16,19 +14,10 @@ class Watchdog {
 public:
     Watchdog(std::string what, std::chrono::seconds limit)
         : what_(std::move(what)), thread_([this, limit] {
-              std::unique_lock<std::mutex> lock(mutex_);
-              if (!cv_.wait_for(lock, limit, [this] { return done_; })) {
-                  std::fprintf(stderr, "%s: not done within %lld s, deadlock or hang?\n", what_.c_str(),
-                               static_cast<long long>(limit.count()));
-                  std::abort();
-              }
+              if (!done_.wait(limit)) stuck((what_ + ": not done in time, deadlock or hang?").c_str());
           }) {}
     ~Watchdog() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            done_ = true;
-        }
-        cv_.notify_all();
+        done_.open();
         thread_.join();
     }
     Watchdog(const Watchdog&) = delete;
@@ -36,9 +25,7 @@ public:
 
 private:
     std::string what_;
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    bool done_ = false;
+    Gate done_;
     std::thread thread_;
 };
 

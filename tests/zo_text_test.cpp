@@ -1,22 +1,26 @@
-#include "utils/zo_text.h"
-
+// The text utilities: trimming, affixes, formatting, replacing, UTF-8 and
+// the narrow character set, and MD5 digests of text, bytes and files.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <clocale>
+#include <cstdio>
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
+
+#include "utils/zo_encoding.h"
+#include "utils/zo_md5.h"
+#include "utils/zo_text.h"
 
 namespace {
 
-TEST(ZoTextTest, TrimWhiteSpace) {
-    // input, trim_begin, trim_end, trim
-    const char* const cases[][4] = {
-        {"  a b \t\r\n", "a b \t\r\n", "  a b", "a b"},
-        {"abc", "abc", "abc", "abc"}, {"", "", "", ""},
-        // The first character is never cleared by trim_end; trim still ends
-        // up empty because the leading pass skips it.
-        {" \t\n", "", " ", ""},
-        {"\va\v", "\va\v", "\va\v", "\va\v"},  // vertical tab is not trim space
-    };
+TEST(ZoTextTest, TrimAffixFormatAndCase) {
+    // input, trim_begin, trim_end, trim. The first character is never cleared
+    // by trim_end; vertical tab is not trim space.
+    const char* const cases[][4] = {{"  a b \t\r\n", "a b \t\r\n", "  a b", "a b"}, {"abc", "abc", "abc", "abc"},
+                                    {"", "", "", ""}, {" \t\n", "", " ", ""}, {"\va\v", "\va\v", "\va\v", "\va\v"}};
     for (const auto& c : cases) {
         char buf[32];
         std::strcpy(buf, c[0]);
@@ -27,43 +31,31 @@ TEST(ZoTextTest, TrimWhiteSpace) {
         EXPECT_STREQ(zo::trim(buf), c[3]) << c[0];
     }
     EXPECT_TRUE(zo::trim(nullptr) == nullptr && zo::trim_begin(static_cast<const char*>(nullptr)) == nullptr);
-}
 
-TEST(ZoTextTest, TrimWithCharacterSet) {
-    char quoted[] = "\"My Movie.mp4\"";
+    char quoted[] = "\"My Movie.mp4\"", lone[] = "\"", all[] = "xxx";
     EXPECT_EQ(zo::trim_end2(quoted, "\" "), quoted);
     EXPECT_STREQ(quoted, "\"My Movie.mp4");
     EXPECT_STREQ(zo::trim_begin2(quoted, "\" "), "My Movie.mp4");
-
-    char lone[] = "\"";
     EXPECT_STREQ(zo::trim_end2(lone, "\""), "\"");  // length 1 is left alone
-    char all[] = "xxx";
     EXPECT_STREQ(zo::trim_end2(all, "x"), "x");
     EXPECT_STREQ(zo::trim_begin2(all, ""), "x");
     EXPECT_EQ(zo::trim_begin2(nullptr, "x"), nullptr);
     EXPECT_STREQ(zo::trim_end2(all, nullptr), "x");
-}
 
-TEST(ZoTextTest, PrefixAndSuffix) {
-    struct Case { const char *s, *affix; bool case_sensitive, begins, ends; };
-    const Case cases[] = {
-        {"Video.MP4", "video", false, true, false}, {"Video.MP4", "video", true, false, false},
-        {"a.mp4", ".MP4", false, false, true},      {"a.mp4", ".MP4", true, false, false},
-        {"abc", "", true, true, true},              {"ab", "abc", false, false, false},
-    };
-    for (const Case& c : cases) {
+    struct Affix { const char *s, *affix; bool case_sensitive, begins, ends; };
+    const Affix affixes[] = {{"Video.MP4", "video", false, true, false}, {"Video.MP4", "video", true, false, false},
+                             {"a.mp4", ".MP4", false, false, true},      {"a.mp4", ".MP4", true, false, false},
+                             {"abc", "", true, true, true},              {"ab", "abc", false, false, false}};
+    for (const Affix& c : affixes) {
         EXPECT_EQ(zo::begin_width(c.s, c.affix, c.case_sensitive), c.begins) << c.s << " / " << c.affix;
         EXPECT_EQ(zo::end_width(c.s, c.affix, c.case_sensitive), c.ends) << c.s << " / " << c.affix;
     }
     EXPECT_FALSE(zo::begin_width(nullptr, "", true) || zo::end_width("a", nullptr, false));
-}
 
-TEST(ZoTextTest, FormatCaseAndRandom) {
     EXPECT_EQ(zo::str_format("%s_%d_%05.1f", "x", -3, 2.5), "x_-3_002.5");
     const std::string big(5000, 'q');  // beyond any first guess of the length
     EXPECT_EQ(zo::str_format("%s", ""), "");
     EXPECT_EQ(zo::str_format("<%s>", big.c_str()), "<" + big + ">");
-
     char mixed[] = "MiXeD 123 \xc3\x9c";
     EXPECT_STREQ(zo::str_to_lower(mixed), "mixed 123 \xc3\x9c");
     EXPECT_STREQ(zo::str_to_upper(mixed), "MIXED 123 \xc3\x9c");
@@ -72,20 +64,17 @@ TEST(ZoTextTest, FormatCaseAndRandom) {
     EXPECT_TRUE(zo::rand_str(0).empty() && zo::rand_str(-5).empty());
     const std::string a = zo::rand_str(8);
     EXPECT_EQ(a.size(), 8u);
-    EXPECT_EQ(a.find_first_not_of("1234567890abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"),
-              std::string::npos);
-    // Back-to-back calls get different seeds even within one second.
-    EXPECT_NE(zo::rand_str(24), zo::rand_str(24));
+    EXPECT_EQ(a.find_first_not_of("1234567890abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"), std::string::npos);
+    EXPECT_NE(zo::rand_str(24), zo::rand_str(24));  // different seeds even within one second
 }
 
 TEST(ZoTextTest, Replace) {
-    // source, from, to, replace_all, replace_all_distinct
+    // source, from, to, replace_all, replace_all_distinct; "a-a" would never
+    // finish if searched from the start again: one pass.
     const char* const cases[][5] = {
-        {"aaa", "a", "b", "bbb", "bbb"},       {"aab", "ab", "b", "b", "ab"},
-        {"x.y.z", ".", "::", "x::y::z", "x::y::z"}, {"abc", "b", "", "ac", "ac"},
-        // Would never finish if searched from the start again: one pass.
-        {"a-a", "a", "aa", "aa-aa", "aa-aa"},
-        {"abc", "", "x", "abc", "abc"},        {"abc", "b", nullptr, "ac", "ac"},
+        {"aaa", "a", "b", "bbb", "bbb"},    {"aab", "ab", "b", "b", "ab"}, {"x.y.z", ".", "::", "x::y::z", "x::y::z"},
+        {"abc", "b", "", "ac", "ac"},       {"a-a", "a", "aa", "aa-aa", "aa-aa"},
+        {"abc", "", "x", "abc", "abc"},     {"abc", "b", nullptr, "ac", "ac"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(zo::str_replace_all(c[0], c[1], c[2]), c[3]) << c[0] << " / " << c[1];
@@ -97,6 +86,99 @@ TEST(ZoTextTest, Replace) {
     EXPECT_EQ(zo::str_replace_all("aab", "ab", "bba"), "bbbbaa");
     EXPECT_EQ(zo::str_replace_all("aaaaaaab", "ab", "bba"), std::string(128, 'b') + std::string(7, 'a'));
     EXPECT_LE(zo::str_replace_all((std::string(40, 'a') + "b").c_str(), "ab", "bba").size(), size_t{64} << 20);
+}
+
+const char kUtf8[] = "Gr\xc3\xbc\xc3\x9f" "e \xe6\x97\xa5\xe6\x9c\xac \xf0\x9f\x8e\xac";
+const wchar_t kWide[] = {L'G', L'r', 0xFC, 0xDF, L'e', L' ', 0x65E5, 0x672C, L' ', 0x1F3AC, 0};
+
+TEST(ZoEncodingTest, Utf8RoundTripAndInvalidInput) {
+    EXPECT_EQ(zo::ASCII2Unicode(kUtf8, true), std::wstring(kWide));
+    EXPECT_EQ(zo::Unicode2ACSII(kWide, true), kUtf8);
+    EXPECT_TRUE(zo::ASCII2Unicode(nullptr, true).empty() && zo::ASCII2Unicode("", false).empty() &&
+                zo::Unicode2ACSII(nullptr, true).empty());
+    const std::wstring r(1, static_cast<wchar_t>(0xFFFD));
+    const std::pair<const char*, std::wstring> cases[] = {
+        {"a\xff" "b", L"a" + r + L"b"}, {"\xc0\xaf", r + r},                      // overlong '/'
+        {"\xed\xa0\x80z", r + r + r + L"z"},                                      // UTF-16 surrogate
+        {"x\xe6\x97", L"x" + r + r}, {"\xf4\x90\x80\x80", r + r + r + r},         // cut off; beyond U+10FFFF
+    };
+    for (const auto& [in, out] : cases) EXPECT_EQ(zo::ASCII2Unicode(in, true), out) << in;
+    const wchar_t bad_wide[] = {L'a', 0xD800, static_cast<wchar_t>(0x110000), -1, L'b', 0};
+    EXPECT_EQ(zo::Unicode2ACSII(bad_wide, true), "a???b");
+    EXPECT_EQ(zo::UTF8ToGBK("ok\xff"), zo::UTF8ToGBK("ok") + zo::UTF8ToGBK("\xef\xbf\xbd"));
+}
+
+// The library never changes the locale; the test does, to see that the
+// narrow side follows whatever character set the C library is set to.
+TEST(ZoEncodingTest, NarrowSideFollowsLocale) {
+    const std::string saved = std::setlocale(LC_CTYPE, nullptr);
+    ASSERT_NE(std::setlocale(LC_CTYPE, "C"), nullptr);
+    // Plain ASCII (setlocale never called): the GBK functions convert GBK both
+    // ways, and what GBK lacks (ß, the clapper board) becomes '?'.
+    const std::pair<const char*, const char*> gbk[] = {{"\xe4\xb8\xad\xe6\x96\x87", "\xd6\xd0\xce\xc4"},
+                                                       {"a\xc3\xbc", "a\xa8\xb9"}};
+    for (const auto& [utf8, narrow] : gbk) {
+        EXPECT_EQ(zo::UTF8ToGBK(utf8), narrow) << utf8;
+        EXPECT_EQ(zo::GBKToUTF8(narrow), utf8) << utf8;
+    }
+    EXPECT_EQ(zo::UTF8ToGBK(kUtf8), "Gr\xa8\xb9?e \xc8\xd5\xb1\xbe ?");
+    EXPECT_EQ(zo::GBKToUTF8("a\xe9"), "a\xef\xbf\xbd");  // a lead byte cut off by the end
+    EXPECT_EQ(zo::ASCII2Unicode("a\xe9", false), L"a\xFFFD");
+    if (std::setlocale(LC_CTYPE, "C.UTF-8") || std::setlocale(LC_CTYPE, "C.utf8")) {
+        EXPECT_TRUE(zo::GBKToUTF8(kUtf8) == kUtf8 && zo::UTF8ToGBK(kUtf8) == kUtf8);
+        EXPECT_TRUE(zo::Unicode2ACSII(kWide, false) == kUtf8 && zo::ASCII2Unicode(kUtf8, false) == kWide);
+    }
+    std::setlocale(LC_CTYPE, saved.c_str());
+}
+
+// The library hands back malloc'ed text.
+std::string take(const char* p) {
+    const std::string s = p ? p : "<null>";
+    std::free(const_cast<char*>(p));
+    return s;
+}
+
+TEST(ZoMd5Test, VectorsPiecesMaskedShortAndFileForms) {
+    const char* const vectors[][2] = {
+        {"", "d41d8cd98f00b204e9800998ecf8427e"}, {"a", "0cc175b9c0f1b6a831c399e269772661"},
+        {"abc", "900150983cd24fb0d6963f7d28e17f72"}, {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
+        {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
+        {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789", "d174ab98d277d9f5a5611c2c9f419d9f"},
+        {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
+         "57edf4a22be3c955ac49da2e2107b67a"},
+    };
+    for (const auto& v : vectors) {
+        SCOPED_TRACE(v[0]);
+        std::string s = v[0];
+        auto* bytes = reinterpret_cast<unsigned char*>(s.data());
+        EXPECT_EQ(take(zo::MD5String(v[0])), v[1]);
+        EXPECT_EQ(take(zo::MD5BinData(bytes, s.size())), v[1]);
+        zo::md5 ctx;  // fed in uneven pieces
+        for (size_t pos = 0, step = 1; pos < s.size(); pos += step, step = step * 2 + 1)
+            ctx.Update(bytes + pos, static_cast<unsigned int>(std::min(step, s.size() - pos)));
+        ctx.Finalize();
+        EXPECT_EQ(take(zo::PrintMD5(ctx.digest)), v[1]);
+    }
+
+    EXPECT_EQ(take(zo::MD5String_Masked("abc")), "900050983cd04cb0d4943c7c28e07c70");
+    char* hex = const_cast<char*>(zo::MD5String("abc"));
+    EXPECT_EQ(zo::MD5_32_to_16(hex), hex);
+    EXPECT_EQ(take(hex), "3cd24fb0d6963f7d");
+    char too_short[] = "0123456789";
+    EXPECT_STREQ(zo::MD5_32_to_16(too_short), "0123456789");
+    EXPECT_TRUE(!zo::MD5_32_to_16(nullptr) && !zo::MD5String(nullptr) && !zo::MD5String_Masked(nullptr) &&
+                !zo::MD5BinData(nullptr, 3) && !zo::PrintMD5(nullptr) && !zo::MD5File(nullptr));
+
+    // Spans several 10240-byte read chunks and ends mid-chunk and mid-block.
+    const std::string path = std::string(CLIPDEC_TEST_TMP) + "/ZoMd5Test_file.bin";
+    std::vector<unsigned char> data(10240 * 2 + 4321);
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 31 + i / 7);
+    FILE* f = std::fopen(path.c_str(), "wb");
+    ASSERT_TRUE(f && std::fwrite(data.data(), 1, data.size(), f) == data.size());
+    std::fclose(f);
+    EXPECT_EQ(take(zo::MD5File(path.c_str())), take(zo::MD5BinData(data.data(), data.size())));
+    std::remove(path.c_str());
+    EXPECT_EQ(zo::MD5File(path.c_str()), nullptr);
 }
 
 }  // namespace

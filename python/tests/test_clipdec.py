@@ -91,22 +91,21 @@ def test_blocking_calls_release_the_gil(tmp_path):
     # One long call on a thread; the main thread must run meanwhile.
     path = tmp_path / "ramp.flac"
     shutil.copy(media("ramp60.flac"), path)
-    state = {"started": False, "done": False}
+    started, done = threading.Event(), threading.Event()
 
     def work():
-        state["started"] = True
+        started.set()
         clipdec.waveform(path)
-        state["done"] = True
+        done.set()
 
     old = sys.getswitchinterval()
     sys.setswitchinterval(1.0)  # without a release, the worker would keep the GIL for its whole call
     try:
         thread = threading.Thread(target=work)
         thread.start()
-        while not state["started"]:
-            pass
+        started.wait()
         spins = 0
-        while not state["done"]:
+        while not done.is_set():
             spins += 1
         thread.join()
     finally:
@@ -115,14 +114,13 @@ def test_blocking_calls_release_the_gil(tmp_path):
 
 
 def test_async_requests_call_back_and_a_raising_callback_is_reported():
-    answers, reported = [], []
-    done = threading.Event()
-    old_hook = sys.unraisablehook
-    sys.unraisablehook = lambda u: reported.append(u.exc_value)
+    answers, reported, done = [], [], threading.Event()
+    old_hook, sys.unraisablehook = sys.unraisablehook, lambda u: reported.append(u.exc_value)
+
+    def fails(frame):
+        raise RuntimeError("host callback failed")
     try:
         with clipdec.VideoDecoder(media("h264_cfr.mp4")) as video:
-            def fails(frame):
-                raise RuntimeError("host callback failed")
             video.frame_at_async(1, fails)
             video.frame_at_async(2, lambda f: (answers.append(index_of(f)), done.set()))
             assert done.wait(30)
@@ -132,25 +130,25 @@ def test_async_requests_call_back_and_a_raising_callback_is_reported():
     assert all(isinstance(e, RuntimeError) for e in reported)
 
 
-def test_errors_are_the_documented_exceptions():
-    with pytest.raises(clipdec.Error) as missing:
-        clipdec.probe(media("missing.mp4"))
-    assert isinstance(missing.value, OSError)
-    with pytest.raises(clipdec.Error):
-        clipdec.AudioDecoder(media("h264_23976.mp4"))  # no audio stream
+def closed_decoder():
     video = clipdec.VideoDecoder(media("h264_cfr.mp4"))
     video.close()
-    with pytest.raises(clipdec.Error):
-        video.frame_at(1)
-    with clipdec.VideoDecoder(media("h264_cfr.mp4")) as video:
-        with pytest.raises(ValueError):
-            video.frame_at(1, format="bgr")
-        with pytest.raises(ValueError):
-            video.frame_at(-1)
-        with pytest.raises(ValueError):
-            video.speed = 9
-        with pytest.raises(TypeError):
-            video.frame_at([1])
+    return video
+
+
+@pytest.mark.parametrize("call, error", [
+    (lambda: clipdec.probe(media("missing.mp4")), clipdec.Error),
+    (lambda: clipdec.AudioDecoder(media("h264_23976.mp4")), clipdec.Error),  # no audio stream
+    (lambda: closed_decoder().frame_at(1), clipdec.Error),
+    (lambda: clipdec.VideoDecoder(media("h264_cfr.mp4")).frame_at(1, format="bgr"), ValueError),
+    (lambda: clipdec.VideoDecoder(media("h264_cfr.mp4")).frame_at(-1), ValueError),
+    (lambda: setattr(clipdec.VideoDecoder(media("h264_cfr.mp4")), "speed", 9), ValueError),
+    (lambda: clipdec.VideoDecoder(media("h264_cfr.mp4")).frame_at([1]), TypeError),
+])
+def test_errors_are_the_documented_exceptions(call, error):
+    with pytest.raises(error):
+        call()
+    assert issubclass(clipdec.Error, OSError)
 
 
 def test_probe_speed_reverse_and_timeline_tools():
@@ -161,7 +159,7 @@ def test_probe_speed_reverse_and_timeline_tools():
     assert movie.first("audio").sample_rate == 48000
     with clipdec.VideoDecoder(video_stream, speed=2) as fast:
         assert index_of(fast.frame_at(1)) == 50
-    with clipdec.VideoDecoder(media("h264_cfr.mp4"), reverse=True) as backwards:
+    with clipdec.VideoDecoder(media("h264_cfr.mp4"), reverse=True) as backwards:  # alone, so its cache starts empty
         assert index_of(backwards.frame_at(0)) == 99
 
     thumb = clipdec.thumbnail(media("h264_cfr.mp4"), at=2, size=(160, 0))
@@ -175,10 +173,9 @@ def test_probe_speed_reverse_and_timeline_tools():
     assert [index_of(p.frame) for p in strip] == [0, 0, 0, 250]
     assert [p.asked for p in strip] == [Fraction(3, 2), Fraction(9, 2), Fraction(15, 2), Fraction(21, 2)]
 
-    mixer = clipdec.Mixer(rate=48000, channels=2, format="s16")
     tone = ramp(0, 960)
+    mixer = clipdec.Mixer(rate=48000, channels=2, format="s16")
     mixed = mixer.mix(0, Fraction(1, 50), [("a", tone, 1.0), ("b", tone, 0.5)])
-    assert mixed.shape == (960, 2)
     expected = numpy.clip(tone.astype(numpy.int32) + tone.astype(numpy.int32) * 64 // 128, -32768, 32767)
-    assert numpy.array_equal(mixed, expected)
+    assert mixed.shape == (960, 2) and numpy.array_equal(mixed, expected)
     assert clipdec.audio_peak(tone, format="s16") == 100
