@@ -1,3 +1,6 @@
+// The filter graphs: source arguments, building and rebuilding, refusals and
+// failures with their reports, and frames through video and audio chains
+// (pictures that show their index, samples that carry the ramp).
 #include <gtest/gtest.h>
 
 #include <cstdarg>
@@ -7,11 +10,10 @@
 #include "ff_compat.h"  // and with it FFmpeg's log, pixel and sample formats
 #include "ff_ptr.h"
 #include "ffdec_instance.h"
-#include "ffdecoder.h"
 #include "ffmpeg_error.h"
 #include "filter_mgr.h"
 #include "frame_helpers.h"
-#include "media.h"
+#include "support.h"
 
 using namespace ff;
 
@@ -32,18 +34,13 @@ struct AvLogCapture {
 };
 
 // The graph's description of a probed stream, filled the way the decoder core does.
-CodecContext codec_context_of(const char* file, int stream_index) {
-    MovieCtx* mv = FFDecoder::probe(testmedia::path(file).c_str(), nullptr);
-    for (int i = 0; mv && i < mv->nb_streams; ++i) {
-        const StreamCtx* st = mv->streams[i];
-        if (!st || st->index != stream_index) continue;
-        // The other kind's fields of a stream record keep their "none" values.
-        return {st->type, static_cast<int>(st->time_base.num), static_cast<int>(st->time_base.den), st->pix_fmt,
-                st->width, st->height, static_cast<int>(st->sample_aspect_ratio.num),
-                static_cast<int>(st->sample_aspect_ratio.den), st->sample_fmt, st->channel_layout, st->channels,
-                st->sample_rate};
-    }
-    return {};
+// The other kind's fields of a stream record keep their "none" values.
+CodecContext codec_context_of(const char* file, StreamType type) {
+    const StreamCtx* st = testsupport::stream_of(file, type);
+    return {st->type, static_cast<int>(st->time_base.num), static_cast<int>(st->time_base.den), st->pix_fmt,
+            st->width, st->height, static_cast<int>(st->sample_aspect_ratio.num),
+            static_cast<int>(st->sample_aspect_ratio.den), st->sample_fmt, st->channel_layout, st->channels,
+            st->sample_rate};
 }
 
 const CodecContext kVideo{STREAM_VIDEO, 1, 12800, AV_PIX_FMT_YUV420P, 320, 240, 1, 1};
@@ -113,15 +110,15 @@ TEST(FilterBuild, RefusalsChangeNothingAndFailuresAreReported) {
         cc.type = type;
         EXPECT_EQ(none.init_filters(&cc, "null"), -1) << type;
     }
-    EXPECT_TRUE(!none.filter_graph && !none.buffersrc_ctx && !none.buffersink_ctx);
+    EXPECT_EQ(ends(none), "<none>");
+    EXPECT_EQ(none.filter_graph, nullptr);
     AVFilterMgr mgr;
     ASSERT_EQ(mgr.init_filters(&kVideo, "null"), 0);
     const AVFilterGraph* graph = mgr.filter_graph;
     const AVFilterContext* src = mgr.buffersrc_ctx;
-    EXPECT_EQ(mgr.init_filters(nullptr, "null"), AVERROR(EINVAL));
-    EXPECT_EQ(mgr.init_filters(&kVideo, nullptr), AVERROR(EINVAL));
-    EXPECT_EQ(mgr.init_video_filters(nullptr, "null"), AVERROR(EINVAL));
-    EXPECT_EQ(mgr.init_audio_filters(&kVideo, nullptr), AVERROR(EINVAL));
+    for (int ret : {mgr.init_filters(nullptr, "null"), mgr.init_filters(&kVideo, nullptr),
+                    mgr.init_video_filters(nullptr, "null"), mgr.init_audio_filters(&kVideo, nullptr)})
+        EXPECT_EQ(ret, AVERROR(EINVAL));
     EXPECT_TRUE(mgr.filter_graph == graph && mgr.buffersrc_ctx == src);
 
     int ret = 0;
@@ -151,7 +148,7 @@ TEST(FilterBuild, RefusalsChangeNothingAndFailuresAreReported) {
 
 // Each pushed frame is the cache's: it must come back untouched and let go of.
 TEST(FilterVideo, ChainsGiveTheirPictureAndLeaveTheInput) {
-    const CodecContext cc = codec_context_of("h264_cfr.mp4", 0);
+    const CodecContext cc = codec_context_of("h264_cfr.mp4", STREAM_VIDEO);
     // Non-geometric chains keep the picture, so the frame still shows its index.
     const struct { const char* descr; int width, height; bool same_picture; } chains[] = {
         {"scale=160:120", 160, 120, false}, {"null", 320, 240, true},
@@ -179,7 +176,7 @@ TEST(FilterVideo, ChainsGiveTheirPictureAndLeaveTheInput) {
 }
 
 TEST(FilterVideo, FailedPushLogsAndKeepsTheFrameThenEofDrains) {
-    const CodecContext cc = codec_context_of("h264_cfr.mp4", 0);
+    const CodecContext cc = codec_context_of("h264_cfr.mp4", STREAM_VIDEO);
     Decoding dec("h264_cfr.mp4", 0);
     std::shared_ptr<AVFrame> f = dec.next();
     ASSERT_TRUE(f);
@@ -209,7 +206,7 @@ TEST(FilterVideo, FailedPushLogsAndKeepsTheFrameThenEofDrains) {
 TEST(FilterAudio, TempoHalvesTheSamplesAndWaitsQuietly) {
     AvLogCapture avlog;
     Decoding dec("h264_cfr.mp4", 1);
-    const CodecContext cc = codec_context_of("h264_cfr.mp4", 1);
+    const CodecContext cc = codec_context_of("h264_cfr.mp4", STREAM_AUDIO);
     AVFilterMgr mgr;
     ASSERT_EQ(mgr.init_filters(&cc, "atempo=2.0"), 0);
     // atempo picks its own sample format; the line reports what it chose.
@@ -245,7 +242,7 @@ TEST(FilterAudio, TempoHalvesTheSamplesAndWaitsQuietly) {
 TEST(FilterAudio, SixChannelFramesMatchTheSourceLayout) {
     AvLogCapture avlog;
     Decoding dec("flac_6ch.flac", 0);
-    const CodecContext cc = codec_context_of("flac_6ch.flac", 0);
+    const CodecContext cc = codec_context_of("flac_6ch.flac", STREAM_AUDIO);
     AVFilterMgr mgr;
     // The source refuses frames whose layout differs from the one its
     // arguments named, so every accepted push proves the mask parsed back.

@@ -29,29 +29,19 @@ RequireMvImage request(int width, int height) {
     return req;
 }
 
-struct Target {
-    int width, height;
-    int divider_320x240;  // worked out by hand from the rules
-    int divider_64x64;
-};
-
 }  // namespace
 
 TEST(ThumbnailDivider, FollowsTheWidthThenHeightRules) {
-    EXPECT_EQ(movie_image_divider(1920, 1080, 320, 180), 6);
-    // 5 from the width (384 wide), lowered to 4: 1080 / 5 = 216 is under half of 1000.
-    EXPECT_EQ(movie_image_divider(1920, 1080, 400, 1000), 4);
-    EXPECT_EQ(movie_image_divider(1920, 1080, 0, 0), 1);
-    EXPECT_EQ(movie_image_divider(1920, 1080, -5, -5), 1);
-    EXPECT_EQ(movie_image_divider(1920, 1080, 1920, 0), 1);  // not narrower than the stream
-    // Height alone: 1080 / 7 = 154 <= 160; 80 > 154 false -> 7.
-    EXPECT_EQ(movie_image_divider(1920, 1080, 0, 160), 7);
-    // The height step lowers what the width chose: 1080 / 4 = 270 is under half of 600 -> 3.
-    EXPECT_EQ(movie_image_divider(1920, 1080, 500, 600), 3);
-    // ... and raises it: 1080 / 6 = 180 > 100 until D = 11 (98).
-    EXPECT_EQ(movie_image_divider(1920, 1080, 320, 100), 11);
-    // A huge frame against a 1-pixel target: 2^30 / 2^29 = 2 is still too wide.
-    EXPECT_EQ(movie_image_divider(1 << 30, 16, 1, 0), (1 << 29) + 1);
+    // Stream size, target size, divider. From the width first, then the
+    // height step lowers it (1080 / 5 = 216 is under half of 1000 -> 4;
+    // 1080 / 4 = 270 is under half of 600 -> 3) or raises it (1080 / 6 = 180 >
+    // 100 until 11 gives 98); height alone: 1080 / 7 = 154 <= 160. No target
+    // or one not narrower than the stream: 1. A huge frame against a 1-pixel
+    // target: 2^30 / 2^29 = 2 is still too wide.
+    const int rows[][5] = {{1920, 1080, 320, 180, 6}, {1920, 1080, 400, 1000, 4}, {1920, 1080, 0, 0, 1},
+                           {1920, 1080, -5, -5, 1},   {1920, 1080, 1920, 0, 1},   {1920, 1080, 0, 160, 7},
+                           {1920, 1080, 500, 600, 3}, {1920, 1080, 320, 100, 11}, {1 << 30, 16, 1, 0, (1 << 29) + 1}};
+    for (const auto& r : rows) EXPECT_EQ(movie_image_divider(r[0], r[1], r[2], r[3]), r[4]) << r[2] << "x" << r[3];
 }
 
 TEST(Thumbnail, EveryVideoFileGivesThePredictedPictureAtTheDividedSize) {
@@ -62,19 +52,19 @@ TEST(Thumbnail, EveryVideoFileGivesThePredictedPictureAtTheDividedSize) {
                            "still.png",    "mp3_cover.mp3"};
     // 320x240: 160x120 -> 2; 100 wide -> 320/4 = 80 <= 100 -> 4; 50 high -> 240/5 = 48 -> 5.
     // 64x64: only the height limit of 50 bites: 64/2 = 32 -> 2.
-    const Target targets[] = {{160, 120, 2, 1}, {100, 0, 4, 1}, {0, 50, 5, 2}, {0, 0, 1, 1}};
+    // Target width, height; dividers for 320x240 and 64x64, worked out by hand.
+    const struct { int width, height, divider_320x240, divider_64x64; } targets[] = {
+        {160, 120, 2, 1}, {100, 0, 4, 1}, {0, 50, 5, 2}, {0, 0, 1, 1}};
     for (const char* name : files) {
         const testsupport::VideoUnderTest v = testsupport::load_video(name);
-        ASSERT_NE(v.stream, nullptr) << name;
-        ASSERT_FALSE(v.reference.empty()) << name;
+        ASSERT_TRUE(v.stream && !v.reference.empty() && v.stream->movie) << name;
         const MovieCtx* movie = v.stream->movie;
-        ASSERT_NE(movie, nullptr) << name;
         const int sw = v.stream->width, sh = v.stream->height;
         ASSERT_TRUE((sw == 320 && sh == 240) || (sw == 64 && sh == 64)) << name << " " << sw << "x" << sh;
         const long long start = v.stream->start_time == kNoPts ? 0 : v.stream->start_time;
 
         int turn = 0;
-        for (const Target& t : targets) {
+        for (const auto& t : targets) {
             const int d = sw == 320 ? t.divider_320x240 : t.divider_64x64;
             // Once at a time given in seconds (ratio ignored), once at a fraction.
             for (bool by_ratio : {false, true}) {
@@ -90,10 +80,8 @@ TEST(Thumbnail, EveryVideoFileGivesThePredictedPictureAtTheDividedSize) {
                 const std::string where = std::string(name) + " target " + std::to_string(t.width) + "x" +
                                           std::to_string(t.height) + (by_ratio ? " ratio" : " time");
                 ASSERT_NE(picture, nullptr) << where;
-                EXPECT_EQ(duration.num, movie->duration) << where;
-                EXPECT_EQ(duration.den, 1000000) << where;
-                EXPECT_EQ(picture->divider, d) << where;
-                EXPECT_EQ(picture->src_width, sw) << where;
+                EXPECT_TRUE(duration.num == movie->duration && duration.den == 1000000) << where;
+                EXPECT_TRUE(picture->divider == d && picture->src_width == sw) << where << " divided by " << picture->divider;
                 EXPECT_EQ(picture->width, d > 1 ? round_up(sw / d, 16) : sw) << where;
                 EXPECT_EQ(picture->height, d > 1 ? round_up(sh / d, 2) : sh) << where;
                 const long long ts = time_to_timestamp(wanted, v.stream->time_base) + start;
@@ -106,43 +94,32 @@ TEST(Thumbnail, EveryVideoFileGivesThePredictedPictureAtTheDividedSize) {
 
 TEST(Thumbnail, FailuresLeaveOrSetTheDurationAsDocumented) {
     testmedia::LogCapture log;
-    const std::string missing = testmedia::path("no_such_file.mp4");
-    Rational duration(7, 3);
-    EXPECT_EQ(getMovieImage(missing.c_str(), request(0, 0), &duration), nullptr);
-    EXPECT_EQ(duration.num, 7);
-    EXPECT_EQ(duration.den, 3);
-    EXPECT_NE(log.take().find("\"@@获取视频封面和信息失败：" + missing + "\"\n"), std::string::npos);
-    EXPECT_EQ(getMovieImage(nullptr, request(0, 0), &duration), nullptr);
-    EXPECT_EQ(getMovieImage(testmedia::path("empty.mp4").c_str(), request(0, 0), nullptr), nullptr);
-    EXPECT_EQ(duration.num, 7);
-
-    // Audio only: no picture, but the duration is known.
-    const std::string audio = testmedia::path("aac.m4a");
-    const MovieCtx* mv = FFDecoder::probe(audio.c_str(), nullptr);
-    ASSERT_NE(mv, nullptr);
-    EXPECT_EQ(getMovieImage(audio.c_str(), request(0, 0), &duration), nullptr);
-    EXPECT_EQ(duration.num, mv->duration);
-    EXPECT_EQ(duration.den, 1000000);
-
-    // A video without frames, an unknown duration times a ratio, a raised cancel flag.
-    const std::string header = testmedia::path("header_only.mp4");
-    duration = Rational(7, 3);
-    const auto none = getMovieImage(header.c_str(), request(0, 0), &duration);
-    if (const MovieCtx* h = FFDecoder::probe(header.c_str(), nullptr)) {
-        EXPECT_EQ(duration.num, h->duration);
+    const std::string missing = testmedia::path("no_such_file.mp4"), header = testmedia::path("header_only.mp4");
+    const MovieCtx* header_movie = FFDecoder::probe(header.c_str(), nullptr);
+    std::atomic<bool> cancel{true};
+    // File, cancel flag, the duration then reported (-1: left as it was).
+    const struct { std::string file; std::atomic<bool>* cancel; long long duration; } rows[] = {
+        {missing, nullptr, -1}, {testmedia::path("empty.mp4"), nullptr, -1},
+        // Audio only: no picture, but the duration is known.
+        {testmedia::path("aac.m4a"), nullptr, FFDecoder::probe(testmedia::path("aac.m4a").c_str(), nullptr)->duration},
+        {header, nullptr, header_movie ? header_movie->duration : -1},  // a video without frames
+        {testmedia::path("h264_cfr.mp4"), &cancel, 4000000}};
+    for (const auto& r : rows) {
+        Rational duration(7, 3);
+        RequireMvImage req = request(0, 0);
+        req.cancel = r.cancel;
+        EXPECT_EQ(getMovieImage(r.file.c_str(), req, &duration), nullptr) << r.file;
+        EXPECT_TRUE(r.duration < 0 ? duration.num == 7 && duration.den == 3
+                                   : duration.num == r.duration && duration.den == 1000000) << r.file;
     }
-    EXPECT_EQ(none, nullptr);
-    const std::string video = testmedia::path("h264_cfr.mp4");
+    EXPECT_TRUE(testsupport::contains(log.take(), "\"@@获取视频封面和信息失败：" + missing + "\"\n"));
+    Rational untouched(7, 3);
+    EXPECT_EQ(getMovieImage(nullptr, request(0, 0), &untouched), nullptr);
+    EXPECT_EQ(untouched.num, 7);
+    EXPECT_EQ(getMovieImage(testmedia::path("empty.mp4").c_str(), request(0, 0), nullptr), nullptr);
     RequireMvImage odd = request(0, 0);
     odd.ratio = std::nan("");
-    EXPECT_NE(getMovieImage(video.c_str(), odd, nullptr), nullptr);  // NaN position reads as 0 s
-    std::atomic<bool> cancel{true};
-    RequireMvImage cancelled = request(0, 0);
-    cancelled.cancel = &cancel;
-    duration = Rational(7, 3);
-    EXPECT_EQ(getMovieImage(video.c_str(), cancelled, &duration), nullptr);
-    EXPECT_EQ(duration.den, 1000000);
-    log.take();
+    EXPECT_NE(getMovieImage(testmedia::path("h264_cfr.mp4").c_str(), odd, nullptr), nullptr);  // NaN position reads as 0 s
 }
 
 TEST(Thumbnail, TheSameRequestAgainIsAnsweredWithoutDecoding) {
@@ -151,10 +128,9 @@ TEST(Thumbnail, TheSameRequestAgainIsAnsweredWithoutDecoding) {
     req.time = Rational(2, 1);
     const auto first = getMovieImage(video.c_str(), req, nullptr);
     ASSERT_NE(first, nullptr);
-    const uint64_t decoded = decode_counters().frames_decoded;
-    const auto again = getMovieImage(video.c_str(), req, nullptr);
-    EXPECT_EQ(again, first);
-    EXPECT_EQ(decode_counters().frames_decoded, decoded);
+    const testsupport::Counts before_again = testsupport::Counts::now();
+    EXPECT_EQ(getMovieImage(video.c_str(), req, nullptr), first);
+    EXPECT_EQ(before_again.since().frames, 0u);
 
     // Another time, size or format is a new picture.
     req.time = Rational(3, 1);
@@ -173,10 +149,10 @@ TEST(Thumbnail, TheSameRequestAgainIsAnsweredWithoutDecoding) {
         req.time = Rational(i, 10);
         ASSERT_NE(getMovieImage(video.c_str(), req, nullptr), nullptr) << i;
     }
-    const uint64_t before = decode_counters().frames_decoded;
+    const testsupport::Counts before = testsupport::Counts::now();
     req.time = Rational(0, 10);  // the oldest of the 40: let go
     ASSERT_NE(getMovieImage(video.c_str(), req, nullptr), nullptr);
-    EXPECT_GT(decode_counters().frames_decoded, before);
+    EXPECT_GT(before.since().frames, 0u);
 
     // mem_collection lets go of the cached pictures first, so that the pool
     // can give their blocks back; a picture the host holds stays valid.
@@ -195,11 +171,8 @@ TEST(Thumbnail, TheSameRequestAgainIsAnsweredWithoutDecoding) {
 TEST(UprightImage, EveryOrientationPlacesEachPixelWhereADisplayShowsIt) {
     // A 3x2 RGBA picture whose red channel numbers its pixels:  0 1 2
     //                                                           3 4 5
-    struct Case {
-        Orientation how;
-        int width, height;
-        int pixels[6];  // the turned picture's red channels, row by row
-    } cases[] = {
+    // The turned picture's size and red channels, row by row.
+    const struct { Orientation how; int width, height, pixels[6]; } cases[] = {
         {OR_ROTATE_90, 2, 3, {3, 0, 4, 1, 5, 2}},  // a quarter clockwise
         {OR_ROTATE_180, 3, 2, {5, 4, 3, 2, 1, 0}},
         {OR_ROTATE_270, 2, 3, {2, 5, 1, 4, 0, 3}},
@@ -218,12 +191,10 @@ TEST(UprightImage, EveryOrientationPlacesEachPixelWhereADisplayShowsIt) {
     picture->linesize[0] = 16;  // wider than a row, as pooled pictures are
     for (int i = 0; i < 6; ++i) picture->data[0][(i / 3) * 16 + (i % 3) * 4] = static_cast<uint8_t>(i);
     EXPECT_EQ(getUprightImage(picture, OR_NORMAL), picture);
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.how);
         const std::shared_ptr<VFrameCtx> turned = getUprightImage(picture, c.how);
-        ASSERT_NE(turned, nullptr);
-        ASSERT_EQ(turned->width, c.width);
-        ASSERT_EQ(turned->height, c.height);
+        ASSERT_TRUE(turned && turned->width == c.width && turned->height == c.height);
         EXPECT_EQ(turned->src_width, c.width);
         for (int i = 0; i < 6; ++i)
             EXPECT_EQ(turned->data[0][(i / c.width) * turned->linesize[0] + (i % c.width) * 4], c.pixels[i]) << i;
