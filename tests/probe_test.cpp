@@ -138,6 +138,13 @@ TEST(Probe, DescribesEveryFieldFromTwoDecodedFramesAndCachesIt) {
         std::lock_guard<std::mutex> lock(g_mvctx_mtx);
         EXPECT_EQ(g_mvctx_map.count(bad), 0u);
     }
+    EXPECT_EQ(FFDecoder::probe(nullptr, nullptr), nullptr);
+    // Random bytes and a truncated file still open; whatever they describe is complete.
+    for (const char* name : {"random.bin", "truncated.mp4"}) {
+        const MovieCtx* some = FFDecoder::probe(testmedia::path(name).c_str(), nullptr);
+        ASSERT_NE(some, nullptr) << name;
+        for (int i = 0; i < some->nb_streams; ++i) EXPECT_EQ(some->streams[i]->movie, some);
+    }
 }
 
 // A raw stream's container only estimates its length from the bit rate, so the
