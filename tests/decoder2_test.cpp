@@ -54,9 +54,8 @@ TEST(Decoder2Filters, CombineFiltersPutsTempoFirstAndDropsNeutralText) {
 TEST(Decoder2Setters, SpeedBoundsRefusalsAndFilterRebuilds) {
     // Never opened: nothing changes, failure reported.
     FFDecoder2 idle;
-    EXPECT_FALSE(idle.setSpeed(2.0));
+    EXPECT_FALSE(idle.setSpeed(2.0) || idle.setFilters("volume=2"));
     EXPECT_EQ(idle.speed(), 1.0);
-    EXPECT_FALSE(idle.setFilters("volume=2"));
 
     FFDecoder2 dec;
     ASSERT_TRUE(dec.open(stream_of("aac.m4a", STREAM_AUDIO)));
@@ -68,8 +67,7 @@ TEST(Decoder2Setters, SpeedBoundsRefusalsAndFilterRebuilds) {
         err = stderr_of([&] { EXPECT_FALSE(dec.setSpeed(bad)) << bad; });
         char expected[96];
         std::snprintf(expected, sizeof expected, "speed = %.3lf is invalid, limited: (0, 3.0]", bad);
-        EXPECT_TRUE(contains(log.take(), expected)) << bad;
-        EXPECT_EQ(dec.speed(), 0.5) << bad;
+        EXPECT_TRUE(contains(log.take(), expected) && dec.speed() == 0.5) << bad;
         EXPECT_FALSE(contains(err, "filter:")) << "a refused speed touched the filter: " << err;
     }
     ASSERT_TRUE(dec.setSpeed(1.5));
@@ -116,7 +114,6 @@ TEST(Decoder2Video, ClipTimesMapThroughSpeedAndReverse) {
 // frames than a run from the key frame for every few pictures would.
 TEST(Decoder2Video, ReversePlaybackGivesTheFramesForwardPlaybackGives) {
     const StreamCtx* video = stream_of("long_gop.mp4", STREAM_VIDEO);
-    ASSERT_NE(video, nullptr);
     const int frames = static_cast<int>(video->duration * 25 * video->time_base.num / video->time_base.den);
     ASSERT_EQ(frames, 300);
     for (int speed : {1, 2}) {
@@ -144,13 +141,13 @@ TEST(Decoder2Video, UserFiltersMirrorThePictureUntilRemoved) {
     // Speed maps the time and keeps the user's filter.
     ASSERT_TRUE(dec.setSpeed(2.0));
     EXPECT_EQ(index_at(dec, 1, 1), mirrored(50));
-    ASSERT_TRUE(dec.setSpeed(1.0));
-    EXPECT_TRUE(dec.setFilters(nullptr));
+    ASSERT_TRUE(dec.setSpeed(1.0) && dec.setFilters(nullptr));
     EXPECT_EQ(index_at(dec, 1, 1), 25);
-    // pri_setFilters replaces the whole text without storing it.
+    // pri_setFilters replaces the whole text without storing it: a rebuild
+    // at speed 1 goes back to the stored (empty) text.
     ASSERT_TRUE(dec.pri_setFilters("hflip"));
     EXPECT_EQ(index_at(dec, 2, 1), mirrored(50));
-    ASSERT_TRUE(dec.setSpeed(1.0));  // rebuilt from the stored (empty) text
+    ASSERT_TRUE(dec.setSpeed(1.0));
     EXPECT_EQ(index_at(dec, 2, 1), 50);
 
     // Pictures that arrive in another format than the stream said get a
@@ -196,8 +193,7 @@ TEST(Decoder2Audio, TempoKeepsThePitchAndTheClipLength) {
         log.reset();  // before any failure is reported, or the capture would swallow it
         EXPECT_FALSE(contains(logged, "buffersink error")) << "waiting for input is not an error: " << logged;
         const auto total = static_cast<long long>(left.size());
-        EXPECT_LE(total, 48000);
-        EXPECT_GE(total, 48000 - (nulls + 1) * 960) << nulls << " empty answers";
+        EXPECT_TRUE(total <= 48000 && total >= 48000 - (nulls + 1) * 960) << total << " with " << nulls << " empty answers";
         // Pitch from the rising zero crossings after the filter's start-up.
         std::vector<double> rising;
         for (size_t n = 4800; n + 1 < left.size(); ++n)
@@ -217,8 +213,7 @@ TEST(Decoder2Audio, SpeedScalesTheSpanReadFromTheStream) {
     // Clip [1.0, 1.5) at speed 2 is stream [2.0, 3.0), then the contiguous [1.5, 2.0).
     for (int i = 0; i < 2; ++i) {
         const auto a = dec.getAudioFrame(testsupport::audio_request({2 + i, 2}, {3 + i, 2}, SF_S16, 48000));
-        ASSERT_NE(a, nullptr) << i;
-        ASSERT_EQ(a->nb_samples, 48000) << i;
+        ASSERT_TRUE(a && a->nb_samples == 48000) << i;
         EXPECT_TRUE(testsupport::is_ramp(*a, 96000 + 48000 * i)) << "request " << i;
     }
 }

@@ -33,16 +33,7 @@ struct AvLogCapture {
     ~AvLogCapture() { av_log_set_callback(av_log_default_callback); }
 };
 
-// The graph's description of a probed stream, filled the way the decoder core does.
-// The other kind's fields of a stream record keep their "none" values.
-CodecContext codec_context_of(const char* file, StreamType type) {
-    const StreamCtx* st = testsupport::stream_of(file, type);
-    return {st->type, static_cast<int>(st->time_base.num), static_cast<int>(st->time_base.den), st->pix_fmt,
-            st->width, st->height, static_cast<int>(st->sample_aspect_ratio.num),
-            static_cast<int>(st->sample_aspect_ratio.den), st->sample_fmt, st->channel_layout, st->channels,
-            st->sample_rate};
-}
-
+// What the decoder core fills in for the video of h264_cfr.mp4.
 const CodecContext kVideo{STREAM_VIDEO, 1, 12800, AV_PIX_FMT_YUV420P, 320, 240, 1, 1};
 CodecContext audio_cc(int sample_fmt, uint64_t layout, int channels) {
     return {STREAM_AUDIO, 1, 48000, -1, 0, 0, 0, 0, sample_fmt, layout, channels, 48000};
@@ -90,8 +81,7 @@ TEST(FilterBuild, DescriptionsConnectAndRebuildsFreeThePreviousGraph) {
         ASSERT_EQ(mgr.init_filters(&kVideo, descr), 0) << descr;
         ASSERT_EQ(ends(mgr), "in/buffer out/buffersink");
         // Joined through: the sink's input link is configured.
-        ASSERT_EQ(mgr.buffersink_ctx->nb_inputs, 1u);
-        EXPECT_GT(mgr.buffersink_ctx->inputs[0]->w, 0) << descr;
+        ASSERT_TRUE(mgr.buffersink_ctx->nb_inputs == 1u && mgr.buffersink_ctx->inputs[0]->w > 0) << descr;
     }
     EXPECT_EQ(g_avlog, "");
     ASSERT_EQ(mgr.init_video_filters(&kVideo, "scale=160:120"), 0);  // the builders free too
@@ -113,8 +103,7 @@ TEST(FilterBuild, RefusalsChangeNothingAndFailuresAreReported) {
         cc.type = type;
         EXPECT_EQ(none.init_filters(&cc, "null"), -1) << type;
     }
-    EXPECT_EQ(ends(none), "<none>");
-    EXPECT_EQ(none.filter_graph, nullptr);
+    EXPECT_TRUE(ends(none) == "<none>" && !none.filter_graph);
     AVFilterMgr mgr;
     ASSERT_EQ(mgr.init_filters(&kVideo, "null"), 0);
     const AVFilterGraph* graph = mgr.filter_graph;
@@ -137,8 +126,7 @@ TEST(FilterBuild, RefusalsChangeNothingAndFailuresAreReported) {
     // The half-built graph stays, but nothing can be pushed into it.
     EXPECT_TRUE(mgr.filter_graph && !mgr.buffersrc_ctx && !mgr.buffersink_ctx);
     UniqueAVFrame frame = make_frame();
-    EXPECT_EQ(mgr.buffersrc_add_frame_flags(frame.get(), 0), AVERROR(EINVAL));
-    EXPECT_EQ(mgr.buffersink_get_frame(frame.get()), AVERROR(EINVAL));
+    EXPECT_TRUE(mgr.buffersrc_add_frame_flags(frame.get(), 0) == AVERROR(EINVAL) && mgr.buffersink_get_frame(frame.get()) == AVERROR(EINVAL));
     // The audio builder leaves parse failures to libavfilter's own lines.
     log = fail(kStereo, "nosuchfilter");
     EXPECT_TRUE(log.find("nosuchfilter") != std::string::npos && log.find("filter parse failed") == std::string::npos)
@@ -151,7 +139,6 @@ TEST(FilterBuild, RefusalsChangeNothingAndFailuresAreReported) {
 
 // Each pushed frame is the cache's: it must come back untouched and let go of.
 TEST(FilterVideo, ChainsGiveTheirPictureAndLeaveTheInput) {
-    const CodecContext cc = codec_context_of("h264_cfr.mp4", STREAM_VIDEO);
     // Non-geometric chains keep the picture, so the frame still shows its index.
     const struct { const char* descr; int width, height; bool same_picture; } chains[] = {
         {"scale=160:120", 160, 120, false}, {"null", 320, 240, true},
@@ -159,7 +146,7 @@ TEST(FilterVideo, ChainsGiveTheirPictureAndLeaveTheInput) {
     for (const auto& c : chains) {
         Decoding dec("h264_cfr.mp4", 0);
         AVFilterMgr mgr;
-        ASSERT_EQ(mgr.init_filters(&cc, c.descr), 0) << c.descr;
+        ASSERT_EQ(mgr.init_filters(&kVideo, c.descr), 0) << c.descr;
         for (int i = 0; i < 12; ++i) {
             std::shared_ptr<AVFrame> f = dec.next();
             ASSERT_TRUE(f);
@@ -167,9 +154,8 @@ TEST(FilterVideo, ChainsGiveTheirPictureAndLeaveTheInput) {
             const std::string digest = testmedia::picture_digest(cached.get());
             uint8_t* const data = cached->data[0];
             ASSERT_EQ(excute_filting(&mgr, f), 0) << c.descr << " " << i;
-            EXPECT_TRUE(f->width == c.width && f->height == c.height && f->pts == cached->pts &&
-                        f->format == AV_PIX_FMT_YUV420P) << c.descr;
-            EXPECT_TRUE(!c.same_picture || testmedia::frame_index(f.get()) == i) << c.descr << " " << i;
+            EXPECT_TRUE(f->width == c.width && f->height == c.height && f->pts == cached->pts && f->format == AV_PIX_FMT_YUV420P &&
+                        (!c.same_picture || testmedia::frame_index(f.get()) == i)) << c.descr << " " << i;
             EXPECT_TRUE(f != cached && cached.use_count() == 1) << c.descr;  // a fresh frame; input let go
             EXPECT_TRUE(cached->data[0] == data && cached->buf[0] && cached->width == 320) << c.descr;
             f.reset();
@@ -179,7 +165,6 @@ TEST(FilterVideo, ChainsGiveTheirPictureAndLeaveTheInput) {
 }
 
 TEST(FilterVideo, FailedPushLogsAndKeepsTheFrameThenEofDrains) {
-    const CodecContext cc = codec_context_of("h264_cfr.mp4", STREAM_VIDEO);
     Decoding dec("h264_cfr.mp4", 0);
     std::shared_ptr<AVFrame> f = dec.next();
     ASSERT_TRUE(f);
@@ -187,21 +172,17 @@ TEST(FilterVideo, FailedPushLogsAndKeepsTheFrameThenEofDrains) {
     AvLogCapture avlog;
     testmedia::LogCapture log;
     AVFilterMgr mgr;
-    EXPECT_EQ(excute_filting(nullptr, f), AVERROR(EINVAL));
-    EXPECT_EQ(excute_filting(&mgr, f), AVERROR(EINVAL));
-    EXPECT_EQ(f.get(), input);
+    EXPECT_TRUE(excute_filting(nullptr, f) == AVERROR(EINVAL) && excute_filting(&mgr, f) == AVERROR(EINVAL) && f.get() == input);
     const std::string line = "\"Error while feeding the filtergraph: err=" + std::string(ffmpeg_error(AVERROR(EINVAL)));
     EXPECT_EQ(log.take(), line + "\"\n" + line + "\"\n");
     // A frame that does not match the source: libavfilter refuses it.
     ASSERT_EQ(mgr.init_filters(&kStereo, "anull"), 0);
-    EXPECT_LT(excute_filting(&mgr, f), 0);
-    EXPECT_EQ(f.get(), input);
+    EXPECT_TRUE(excute_filting(&mgr, f) < 0 && f.get() == input);
     EXPECT_EQ(log.take().rfind("\"Error while feeding the filtergraph: err=", 0), 0u);
-    ASSERT_EQ(mgr.init_filters(&cc, "null"), 0);
+    ASSERT_EQ(mgr.init_filters(&kVideo, "null"), 0);
     f = dec.next();
     ASSERT_EQ(excute_filting(&mgr, f), 0);
     std::shared_ptr<AVFrame> end;
-    EXPECT_EQ(excute_filting(&mgr, end), AVERROR_EOF);
-    EXPECT_TRUE(end && end->data[0] == nullptr);
+    EXPECT_TRUE(excute_filting(&mgr, end) == AVERROR_EOF && end && end->data[0] == nullptr);
     EXPECT_EQ(log.take(), "\"[filter] buffersink error: " + std::string(ffmpeg_error(AVERROR_EOF)) + "\"\n");
 }
