@@ -1,6 +1,6 @@
-// Sample-level mixing and peak metering in every layout, the mixer's cycles
-// (sample clock, FIFO carry-over, buffer reuse, misuse), and a long mix of
-// three decoded sources checked against a sum computed here.
+// Sample-level mixing and peak metering in every layout, and the mixer's
+// cycles: sample clock, FIFO carry-over, volumes and clipping per source,
+// buffer reuse, misuse.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,7 +8,6 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
-#include <deque>
 #include <vector>
 
 #include "audio_mixer.h"
@@ -195,17 +194,21 @@ TEST(AudioMixCycles, SampleClockSurplusAndJumps) {
 
 TEST(AudioMixCycles, ShortSourcesFillTheStartSumsClipAndTheBufferIsReused) {
     AudioMixer mixer(44100, 2, SF_S16);
-    int a = 0, b = 0;
+    int a = 0, b = 0, c = 0;
     mixer.begin(span(0, 1, 30));
     EXPECT_TRUE(mixer.getBuffer(&a)->write(counting_frame(1000, 1), 128));
     const auto first = mixer.end();
     ASSERT_EQ(first->size, 5880);
     for (int i = 0; i < 1470; ++i) ASSERT_EQ(s16(*first)[2 * i], i < 1000 ? 1 + i : 0) << i;
-    mixer.begin(span(1, 2, 30));  // same size: same block, zeroed again
-    for (int* key : {&a, &b}) EXPECT_TRUE(mixer.getBuffer(key)->write(s16_frame(2, std::vector<int16_t>(2940, 20000)), 128));
+    // Same size: same block, zeroed again. Each source is scaled by its own
+    // volume and the sum clipped after each: 30000 + 30000 clips to 32767,
+    // then -20000 at half volume leaves 22767.
+    mixer.begin(span(1, 2, 30));
+    const struct { int* key; int16_t value; int volume; } sources[] = {{&a, 30000, 128}, {&b, 30000, 128}, {&c, -20000, 64}};
+    for (const auto& w : sources) EXPECT_TRUE(mixer.getBuffer(w.key)->write(s16_frame(2, std::vector<int16_t>(2940, w.value)), w.volume));
     const auto second = mixer.end();
     ASSERT_EQ(second.get(), first.get());
-    EXPECT_TRUE(std::all_of(s16(*second), s16(*second) + 2940, [](int16_t v) { return v == 32767; }));
+    EXPECT_TRUE(std::all_of(s16(*second), s16(*second) + 2940, [](int16_t v) { return v == 22767; })) << s16(*second)[0];
 }
 
 TEST(AudioMixCycles, MisuseIsReportedAndBadRecordsAreRefused) {
@@ -224,41 +227,4 @@ TEST(AudioMixCycles, MisuseIsReportedAndBadRecordsAreRefused) {
     mixer.begin(span(3, 2, 100));  // a range running backwards opens nothing
     EXPECT_EQ(mixer.end()->size, 0);
     log.take();
-}
-// Three decoded sources in 20 ms cycles for 30 s. The reference keeps, per
-// source, the samples delivered and not yet consumed, takes at most one
-// cycle's worth from each at the cycle's start, and adds them in writing
-// order, clipping after each source as the mixer does.
-TEST(AudioMixEndToEnd, ThreeDecodedSourcesMixToTheReferenceSum) {
-    const char* names[] = {"pcm_s16.wav", "ramp60.flac", "flac_6ch.flac"};
-    const int volumes[] = {128, 100, 64};
-    FFDecoder decoders[3];
-    for (int i = 0; i < 3; ++i) ASSERT_TRUE(decoders[i].open(testsupport::stream_of(names[i], STREAM_AUDIO))) << names[i];
-    AudioMixer mixer(48000, 2, SF_S16);
-    std::deque<int16_t> pending[3];
-    long long total = 0, nonzero = 0;
-    for (long long k = 0; k < 1500; ++k) {
-        const Range r(Rational(k, 50), Rational(k + 1, 50));
-        mixer.begin(r);
-        std::vector<int> expect(960 * 2, 0);
-        for (int i = 0; i < 3; ++i) {
-            const auto frame = decoders[i].getAudioFrame(testsupport::audio_request(r.begin, r.end, SF_S16, 48000));
-            if (frame) {
-                const auto* s = reinterpret_cast<const int16_t*>(frame->data[0]);
-                pending[i].insert(pending[i].end(), s, s + static_cast<size_t>(frame->nb_samples) * 2);
-            }
-            mixer.getBuffer(&decoders[i])->write(frame, volumes[i]);
-            const size_t take = std::min(pending[i].size(), expect.size());
-            for (size_t j = 0; j < take; ++j)
-                expect[j] = std::clamp(expect[j] + pending[i][j] * volumes[i] / 128, -32768, 32767);
-            pending[i].erase(pending[i].begin(), pending[i].begin() + static_cast<long>(take));
-        }
-        const auto out = mixer.end();
-        ASSERT_EQ(out->size, 960 * 4) << k;
-        ASSERT_TRUE(std::equal(expect.begin(), expect.end(), s16(*out))) << "cycle " << k;
-        nonzero += std::count_if(s16(*out), s16(*out) + expect.size(), [](int16_t v) { return v != 0; });
-        total += out->size / 4;
-    }
-    EXPECT_EQ(total, 30 * 48000);
-    EXPECT_GT(nonzero, 30 * 48000);
 }

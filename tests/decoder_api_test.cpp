@@ -126,6 +126,8 @@ TEST(DecoderApi, PositioningFetchesWithoutAnswerAndStartsANewRun) {
     const auto a = dec.getAudioFrame(audio_request({7, 2}, {18, 5}, SF_S16, 48000));
     EXPECT_TRUE(a && is_ramp(*a, 168000));
     EXPECT_LE(after_seek.since().frames, 6u);
+    // Well past the end (the cache keeps the stream's last frames): nothing.
+    EXPECT_EQ(dec.getAudioFrame(audio_request({10, 1}, {11, 1}, SF_S16, 48000)), nullptr);
     RequireAudioFrame seek_only = audio_request({3, 1}, {3, 1}, SF_S16, 48000);
     seek_only.format = static_cast<SampleFormat>(FMT_SEEK_ONLY);
     EXPECT_EQ(dec.getAudioFrame(seek_only), nullptr);
