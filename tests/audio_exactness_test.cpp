@@ -50,14 +50,16 @@ Samples whole_stream(const char* file, int rate) {
     return out;
 }
 
-// Appends what `dec` gives for [begin, end) in requests of `step` samples at
-// `rate` (begin and end in samples of that rate); a missing answer adds nothing.
-void take(FFDecoder& dec, long long begin, long long end, long long step, int rate, Samples& into) {
+// What `dec` gives for [begin, end) in requests of `step` samples at `rate`
+// (begin and end in samples of that rate); a missing answer adds nothing.
+Samples take(FFDecoder& dec, long long begin, long long end, long long step, int rate) {
+    Samples into;
     for (long long at = begin; at < end; at += step) {
         const auto a = dec.getAudioFrame(testsupport::audio_request({at, rate}, {std::min(at + step, end), rate}, SF_FLT, rate));
         if (a) into.insert(into.end(), reinterpret_cast<const float*>(a->data[0]),
                            reinterpret_cast<const float*>(a->data[0]) + 2 * a->nb_samples);
     }
+    return into;
 }
 
 // `got` against `ref` from output sample `first` on, after `settle` samples.
@@ -93,22 +95,18 @@ TEST(AudioExactness, EveryRateMatchesTheWholeStreamsConversion) {
             // New runs at random begins, one request each.
             for (int i = 0; i < 6; ++i) {
                 const long long first = rng() % (length - rate / 2);
-                Samples got;
-                take(dec, first, first + rate / 10, rate / 10, rate, got);
+                const Samples got = take(dec, first, first + rate / 10, rate / 10, rate);
                 ASSERT_EQ(static_cast<long long>(got.size()), 2LL * (rate / 10)) << "run at " << first;
                 EXPECT_TRUE(matches(got, ref, first, 64, 1e-3)) << "run at " << first;
             }
             // A contiguous run of 20 ms requests over a second, then to the end:
             // totals exact, no drift.
             const long long first = rng() % (length / 2);
-            Samples got;
-            take(dec, first, first + rate, rate / 50, rate, got);
+            const Samples got = take(dec, first, first + rate, rate / 50, rate);
             ASSERT_EQ(static_cast<long long>(got.size()), 2LL * rate);
             EXPECT_TRUE(matches(got, ref, first, 64, 1e-3)) << "contiguous run at " << first;
             // From the very start: no settling at all, as the whole stream's.
-            Samples start;
-            take(dec, 0, rate / 5, rate / 50, rate, start);
-            EXPECT_TRUE(matches(start, ref, 0, 0, 1e-3));
+            EXPECT_TRUE(matches(take(dec, 0, rate / 5, rate / 50, rate), ref, 0, 0, 1e-3));
         }
     }
 }
@@ -124,16 +122,15 @@ TEST(AudioExactness, ASpeedChangesFirstRunSeeksLikeAnyOther) {
         for (int way = 0; way < 4; ++way) {
             FFDecoder2 dec;
             ASSERT_TRUE(dec.open(st));
-            if (way == 3) take(dec, 0, 4410, 441, 44100, runs[way]);
+            if (way == 3) take(dec, 0, 4410, 441, 44100);
             ASSERT_TRUE(dec.setSpeed(speed));
-            if (way == 1 || way == 2) take(dec, 44100 * 5, 44100 * 6, 882, 44100, runs[way]);
+            if (way == 1 || way == 2) take(dec, 44100 * 5, 44100 * 6, 882, 44100);
             if (way == 2) {
                 dec.close();
                 ASSERT_TRUE(dec.reopen());
                 ASSERT_TRUE(dec.setSpeed(speed));
             }
-            runs[way].clear();
-            take(dec, 0, 44100, 882, 44100, runs[way]);
+            runs[way] = take(dec, 0, 44100, 882, 44100);
         }
         ASSERT_GT(runs[0].size(), 44100u);
         for (int way = 1; way < 4; ++way) EXPECT_EQ(runs[way], runs[0]) << way;
@@ -165,16 +162,13 @@ TEST(AudioExactness, IrregularTimestampsPlaceTheSameSamplesEveryWay) {
         ASSERT_NE(st, nullptr);
         const int rate = st->sample_rate;
         const long long length = rate * 3 / 2;
-        Samples contiguous, whole;
         FFDecoder a, b;
         ASSERT_TRUE(a.open(st) && b.open(st));
-        take(a, 0, length, rate / 50, rate, contiguous);
-        take(b, 0, length, length, rate, whole);
+        const Samples contiguous = take(a, 0, length, rate / 50, rate), whole = take(b, 0, length, length, rate);
         ASSERT_EQ(contiguous.size(), 2u * length);
         EXPECT_TRUE(matches(contiguous, whole, 0, 0, kLossyNoise));
         for (long long first : c.run_starts) {
-            Samples run;
-            take(b, first, first + 4096, 4096, rate, run);
+            const Samples run = take(b, first, first + 4096, 4096, rate);
             ASSERT_EQ(run.size(), 2u * 4096) << first;
             EXPECT_TRUE(matches(run, whole, first, 0, kLossyNoise)) << "run at " << first;
         }
@@ -182,8 +176,7 @@ TEST(AudioExactness, IrregularTimestampsPlaceTheSameSamplesEveryWay) {
     // The gap is silent, the audio around it is not.
     FFDecoder dec;
     ASSERT_TRUE(dec.open(audio_of("aac_gap.mp4")));
-    Samples around;
-    take(dec, 43000, 49500, 6500, dec.streamContex()->sample_rate, around);
+    const Samples around = take(dec, 43000, 49500, 6500, dec.streamContex()->sample_rate);
     ASSERT_EQ(around.size(), 2u * 6500);
     float loudest_in_gap = 0, loudest_before = 0;
     for (long long i = 0; i < 6500; ++i) {
