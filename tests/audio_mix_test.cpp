@@ -55,7 +55,7 @@ std::shared_ptr<AFrameCtx> s16_frame(int channels, const std::vector<int16_t>& i
 // Stereo frame whose sample i carries base + i on both channels.
 std::shared_ptr<AFrameCtx> counting_frame(int samples, int base) {
     std::vector<int16_t> v(static_cast<size_t>(samples) * 2);
-    for (int i = 0; i < samples; ++i) v[2 * i] = v[2 * i + 1] = static_cast<int16_t>(base + i);
+    for (int i = 0; i < 2 * samples; ++i) v[i] = static_cast<int16_t>(base + i / 2);
     return s16_frame(2, v);
 }
 
@@ -98,10 +98,9 @@ TEST(AudioMixSamples, EveryLayoutClipsScalesAndKeepsItsByteOrder) {
          bytes_of<float>({1.25f, FLT_MAX, -FLT_MAX})},
         {AF_F32LSB, 64, bytes_of<float>({0.0f}), bytes_of<float>({0.5f}), bytes_of<float>({0.25f})},
     };
-    for (size_t i = 0; i < std::size(rows); ++i) {
-        Bytes dst = rows[i].dst;
-        mix(dst, rows[i].src, rows[i].f, rows[i].vol);
-        EXPECT_EQ(dst, rows[i].want) << "row " << i;
+    for (Row r : rows) {
+        mix(r.dst, r.src, r.f, r.vol);
+        EXPECT_EQ(r.dst, r.want) << "layout " << r.f << " at volume " << r.vol;
     }
     EXPECT_TRUE(mix8[129] == 1 && mix8[511] == 254);
 }

@@ -1,5 +1,5 @@
-// Pictures as their sources show them: every matrix and range, alpha, and fine
-// chroma detail above 8 bits, over the colour media of
+// Pictures as their sources show them: every matrix and range (also in YUV
+// output), alpha, and fine chroma detail above 8 bits, over the colour media of
 // scripts/gen_color_media.sh (whose patch table is repeated here).
 #include <gtest/gtest.h>
 
@@ -25,13 +25,14 @@ constexpr int kPatchAlpha[3] = {255, 128, 0};
 
 enum class Content { Patches, AlphaPatches, Lines };
 
-// File, content, the probe's pixel format and transfer characteristic (-1: not checked).
-const struct ColorCase { const char* file; Content content; int pix_fmt, trc; } kCases[] = {
-    {"color_bt709.mp4", Content::Patches, -1, AVCOL_TRC_BT709},
+// File, content, the probe's pixel format and transfer characteristic (-1: not
+// checked), and whether a YUV picture is checked as well.
+const struct ColorCase { const char* file; Content content; int pix_fmt, trc; bool yuv = false; } kCases[] = {
+    {"color_bt709.mp4", Content::Patches, -1, AVCOL_TRC_BT709, true},
     {"color_bt601.mp4", Content::Patches, -1, AVCOL_TRC_SMPTE170M},
     {"color_bt2020_10bit.mp4", Content::Patches, AV_PIX_FMT_YUV420P10LE, AVCOL_TRC_SMPTE2084},
-    {"color_full_h264.mp4", Content::Patches, AV_PIX_FMT_YUVJ420P, -1},
-    {"color_full_vp9.webm", Content::Patches, -1, -1},
+    {"color_full_h264.mp4", Content::Patches, AV_PIX_FMT_YUVJ420P, -1, true},
+    {"color_full_vp9.webm", Content::Patches, -1, -1, true},
     {"color_full_hevc.mp4", Content::Patches, -1, -1},
     {"color_untagged_sd.mp4", Content::Patches, -1, AVCOL_TRC_UNSPECIFIED},
     {"color_untagged_hd.mp4", Content::Patches, -1, AVCOL_TRC_UNSPECIFIED},
@@ -124,18 +125,13 @@ TEST(ColorFidelity, EverySourceLooksAsItsDescriptionSays) {
         } else {
             expect_patches(*picture, c.content == Content::AlphaPatches);
         }
-    }
-}
-
-TEST(ColorFidelity, YuvPicturesKeepTheMatrixInLimitedRange) {
-    // Grey 24 of the patches: luma 16 + 24 * 219 / 255 in limited range,
-    // whatever range the source used.
-    for (const char* file : {"color_bt709.mp4", "color_full_h264.mp4", "color_full_vp9.webm"}) {
-        SCOPED_TRACE(file);
-        const auto p = picture_at(testsupport::stream_of(file, STREAM_VIDEO), Rational(1, 25), PF_YUV420P);
-        ASSERT_NE(p, nullptr);
-        EXPECT_TRUE(p->color_space == AVCOL_SPC_BT709 && p->color_range == AVCOL_RANGE_MPEG);
-        const int x = 5 * p->width / 16, y = p->height * 9 / 16 + 3 * p->height * 7 / 64;  // patch 10
-        EXPECT_NEAR(p->data[0][y * p->linesize[0] + x], 37, 2);
+        // YUV pictures keep the matrix in limited range, whatever range the
+        // source used: grey 24 of the patches is luma 16 + 24 * 219 / 255.
+        if (c.yuv) {
+            const auto p = picture_at(st, Rational(1, 25), PF_YUV420P);
+            ASSERT_TRUE(p && p->color_space == AVCOL_SPC_BT709 && p->color_range == AVCOL_RANGE_MPEG);
+            const int x = 5 * p->width / 16, y = p->height * 9 / 16 + 3 * p->height * 7 / 64;  // patch 10
+            EXPECT_NEAR(p->data[0][y * p->linesize[0] + x], 37, 2);
+        }
     }
 }

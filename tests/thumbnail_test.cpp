@@ -21,11 +21,10 @@ namespace {
 
 int round_up(int v, int m) { return (v + m - 1) / m * m; }
 
+// A picture of at most width x height (0: no limit), in RGBA by default.
 RequireMvImage request(int width, int height) {
     RequireMvImage req;
-    req.width = width;
-    req.height = height;
-    req.format = PF_RGBA;
+    req.width = width, req.height = height;
     return req;
 }
 
