@@ -13,18 +13,14 @@ extern "C" {
 }
 
 #include "ff_compat.h"
-#include "ffdecoder.h"
 #include "ffdecoder2.h"
-#include "media.h"
+#include "support.h"
 
 using namespace ff;
 
 namespace {
 
-const StreamCtx* audio_of(const char* file) {
-    MovieCtx* mv = FFDecoder::probe(testmedia::path(file).c_str(), nullptr);
-    return mv && mv->nb_audio > 0 ? mv->streams[mv->audio_indexes[0]] : nullptr;
-}
+const StreamCtx* audio_of(const char* file) { return testsupport::stream_of(file, STREAM_AUDIO); }
 
 // Stereo float samples, interleaved.
 using Samples = std::vector<float>;
@@ -54,23 +50,16 @@ Samples whole_stream(const char* file, int rate) {
     return out;
 }
 
-RequireAudioFrame span(Rational begin, Rational end, int rate) {
-    RequireAudioFrame req;
-    req.range = Range(begin, end);
-    req.format = SF_FLT;
-    req.sample_rate = rate;
-    req.channels = 2;
-    return req;
-}
-
-// Appends what `dec` gives for [begin, end) in requests of `step` samples at
-// `rate` (begin and end in samples of that rate); a missing answer adds nothing.
-void take(FFDecoder& dec, long long begin, long long end, long long step, int rate, Samples& into) {
+// What `dec` gives for [begin, end) in requests of `step` samples at `rate`
+// (begin and end in samples of that rate); a missing answer adds nothing.
+Samples take(FFDecoder& dec, long long begin, long long end, long long step, int rate) {
+    Samples into;
     for (long long at = begin; at < end; at += step) {
-        const auto a = dec.getAudioFrame(span({at, rate}, {std::min(at + step, end), rate}, rate));
+        const auto a = dec.getAudioFrame(testsupport::audio_request({at, rate}, {std::min(at + step, end), rate}, SF_FLT, rate));
         if (a) into.insert(into.end(), reinterpret_cast<const float*>(a->data[0]),
                            reinterpret_cast<const float*>(a->data[0]) + 2 * a->nb_samples);
     }
+    return into;
 }
 
 // `got` against `ref` from output sample `first` on, after `settle` samples.
@@ -89,50 +78,41 @@ void take(FFDecoder& dec, long long begin, long long end, long long step, int ra
 }  // namespace
 
 TEST(AudioExactness, EveryRateMatchesTheWholeStreamsConversion) {
-    const struct {
-        const char* file;
-        int in_rate;
-        double seconds;
-    } sources[] = {{"ramp60.flac", 44100, 4}, {"pcm_s16.wav", 48000, 4}, {"ramp96k.flac", 96000, 4},
-                   {"ramp11k.flac", 11025, 4}};
+    // The first 4 s of each source, whatever its own rate.
+    const struct { const char* file; int in_rate; } sources[] = {
+        {"ramp60.flac", 44100}, {"pcm_s16.wav", 48000}, {"ramp96k.flac", 96000}, {"ramp11k.flac", 11025}};
     std::mt19937 rng(2024);
     for (const auto& source : sources) {
         const StreamCtx* st = audio_of(source.file);
-        ASSERT_NE(st, nullptr) << source.file;
-        ASSERT_EQ(st->sample_rate, source.in_rate);
+        ASSERT_TRUE(st && st->sample_rate == source.in_rate) << source.file;
         for (int rate : {48000, 44100}) {
             SCOPED_TRACE(std::string(source.file) + " at " + std::to_string(rate));
             const Samples ref = whole_stream(source.file, rate);
-            const long long length = static_cast<long long>(source.seconds * rate);
+            const long long length = 4LL * rate;
             ASSERT_GE(static_cast<long long>(ref.size()) / 2, length - 64);
             FFDecoder dec;
             ASSERT_TRUE(dec.open(st));
             // New runs at random begins, one request each.
             for (int i = 0; i < 6; ++i) {
                 const long long first = rng() % (length - rate / 2);
-                Samples got;
-                take(dec, first, first + rate / 10, rate / 10, rate, got);
+                const Samples got = take(dec, first, first + rate / 10, rate / 10, rate);
                 ASSERT_EQ(static_cast<long long>(got.size()), 2LL * (rate / 10)) << "run at " << first;
                 EXPECT_TRUE(matches(got, ref, first, 64, 1e-3)) << "run at " << first;
             }
             // A contiguous run of 20 ms requests over a second, then to the end:
             // totals exact, no drift.
             const long long first = rng() % (length / 2);
-            Samples got;
-            take(dec, first, first + rate, rate / 50, rate, got);
+            const Samples got = take(dec, first, first + rate, rate / 50, rate);
             ASSERT_EQ(static_cast<long long>(got.size()), 2LL * rate);
             EXPECT_TRUE(matches(got, ref, first, 64, 1e-3)) << "contiguous run at " << first;
             // From the very start: no settling at all, as the whole stream's.
-            Samples start;
-            take(dec, 0, rate / 5, rate / 50, rate, start);
-            EXPECT_TRUE(matches(start, ref, 0, 0, 1e-3));
+            EXPECT_TRUE(matches(take(dec, 0, rate / 5, rate / 50, rate), ref, 0, 0, 1e-3));
         }
     }
 }
 
 TEST(AudioExactness, ASpeedChangesFirstRunSeeksLikeAnyOther) {
     const StreamCtx* st = audio_of("ramp60.flac");
-    ASSERT_NE(st, nullptr);
     for (double speed : {2.0, 0.5}) {
         SCOPED_TRACE(speed);
         // Right after open; after a run elsewhere and back; after a run
@@ -142,21 +122,18 @@ TEST(AudioExactness, ASpeedChangesFirstRunSeeksLikeAnyOther) {
         for (int way = 0; way < 4; ++way) {
             FFDecoder2 dec;
             ASSERT_TRUE(dec.open(st));
-            if (way == 3) take(dec, 0, 4410, 441, 44100, runs[way]);
+            if (way == 3) take(dec, 0, 4410, 441, 44100);
             ASSERT_TRUE(dec.setSpeed(speed));
-            if (way == 1 || way == 2) take(dec, 44100 * 5, 44100 * 6, 882, 44100, runs[way]);
+            if (way == 1 || way == 2) take(dec, 44100 * 5, 44100 * 6, 882, 44100);
             if (way == 2) {
                 dec.close();
                 ASSERT_TRUE(dec.reopen());
                 ASSERT_TRUE(dec.setSpeed(speed));
             }
-            runs[way].clear();
-            take(dec, 0, 44100, 882, 44100, runs[way]);
+            runs[way] = take(dec, 0, 44100, 882, 44100);
         }
         ASSERT_GT(runs[0].size(), 44100u);
-        EXPECT_EQ(runs[1], runs[0]);
-        EXPECT_EQ(runs[2], runs[0]);
-        EXPECT_EQ(runs[3], runs[0]);
+        for (int way = 1; way < 4; ++way) EXPECT_EQ(runs[way], runs[0]) << way;
         // The first samples are the stream's first: the ramp starts at -1.0.
         EXPECT_NEAR(runs[0][0], -1.0, 0.01);
     }
@@ -180,34 +157,26 @@ TEST(AudioExactness, IrregularTimestampsPlaceTheSameSamplesEveryWay) {
         {"aac_gap.mp4", {5000, 43000, 45000, 47000, 50000}},
     };
     for (const auto& c : cases) {
-        const char* file = c.file;
-        SCOPED_TRACE(file);
-        const StreamCtx* st = audio_of(file);
+        SCOPED_TRACE(c.file);
+        const StreamCtx* st = audio_of(c.file);
         ASSERT_NE(st, nullptr);
         const int rate = st->sample_rate;
         const long long length = rate * 3 / 2;
-        Samples contiguous, whole;
         FFDecoder a, b;
-        ASSERT_TRUE(a.open(st));
-        ASSERT_TRUE(b.open(st));
-        take(a, 0, length, rate / 50, rate, contiguous);
-        take(b, 0, length, length, rate, whole);
+        ASSERT_TRUE(a.open(st) && b.open(st));
+        const Samples contiguous = take(a, 0, length, rate / 50, rate), whole = take(b, 0, length, length, rate);
         ASSERT_EQ(contiguous.size(), 2u * length);
         EXPECT_TRUE(matches(contiguous, whole, 0, 0, kLossyNoise));
         for (long long first : c.run_starts) {
-            Samples run;
-            take(b, first, first + 4096, 4096, rate, run);
+            const Samples run = take(b, first, first + 4096, 4096, rate);
             ASSERT_EQ(run.size(), 2u * 4096) << first;
             EXPECT_TRUE(matches(run, whole, first, 0, kLossyNoise)) << "run at " << first;
         }
     }
     // The gap is silent, the audio around it is not.
-    const StreamCtx* st = audio_of("aac_gap.mp4");
-    ASSERT_NE(st, nullptr);
     FFDecoder dec;
-    ASSERT_TRUE(dec.open(st));
-    Samples around;
-    take(dec, 43000, 49500, 6500, st->sample_rate, around);
+    ASSERT_TRUE(dec.open(audio_of("aac_gap.mp4")));
+    const Samples around = take(dec, 43000, 49500, 6500, dec.streamContex()->sample_rate);
     ASSERT_EQ(around.size(), 2u * 6500);
     float loudest_in_gap = 0, loudest_before = 0;
     for (long long i = 0; i < 6500; ++i) {

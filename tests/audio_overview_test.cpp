@@ -7,8 +7,7 @@
 #include <vector>
 
 #include "audio_overview.h"
-#include "decode_counters.h"
-#include "media.h"
+#include "support.h"
 
 using namespace ff;
 
@@ -29,14 +28,14 @@ std::vector<std::vector<double>> plain_samples(const std::string& file) {
             for (int i = 0; i < f->nb_samples; ++i) {
                 const int at = planar ? i : i * count + c;
                 const uint8_t* plane = f->extended_data[planar ? c : 0];
-                double v = 0;
-                switch (av_get_packed_sample_fmt(format)) {
-                    case AV_SAMPLE_FMT_S16: v = reinterpret_cast<const int16_t*>(plane)[at] / 32768.0; break;
-                    case AV_SAMPLE_FMT_S32: v = reinterpret_cast<const int32_t*>(plane)[at] / 2147483648.0; break;
-                    case AV_SAMPLE_FMT_FLT: v = reinterpret_cast<const float*>(plane)[at]; break;
-                    default: ADD_FAILURE() << "no reference for format " << f->format; return false;
+                const AVSampleFormat packed = av_get_packed_sample_fmt(format);
+                if (packed != AV_SAMPLE_FMT_S16 && packed != AV_SAMPLE_FMT_S32 && packed != AV_SAMPLE_FMT_FLT) {
+                    ADD_FAILURE() << "no reference for format " << f->format;
+                    return false;
                 }
-                channels[c].push_back(v);
+                channels[c].push_back(packed == AV_SAMPLE_FMT_S16   ? reinterpret_cast<const int16_t*>(plane)[at] / 32768.0
+                                      : packed == AV_SAMPLE_FMT_S32 ? reinterpret_cast<const int32_t*>(plane)[at] / 2147483648.0
+                                                                    : reinterpret_cast<const float*>(plane)[at]);
             }
         }
         return true;
@@ -47,23 +46,20 @@ std::vector<std::vector<double>> plain_samples(const std::string& file) {
 }  // namespace
 
 TEST(AudioOverview, EveryBucketIsThatOfThePlainDecode) {
-    struct Case { const char* file; Rational bucket; };
-    const Case cases[] = {
+    const struct { const char* file; Rational bucket; } cases[] = {
         {"pcm_s16.wav", Rational(1, 100)},     // 480 samples a bucket
         {"ramp11k.flac", Rational(7, 1000)},   // 77.175: boundaries rounded, never drifting
         {"flac_6ch.flac", Rational(1, 30)},
         {"tone_f32.wav", Rational(1, 100)},    // 441 samples of float
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.file);
         const std::string file = testmedia::path(c.file);
         const auto reference = plain_samples(file);
-        ASSERT_FALSE(reference.empty());
         const auto overview = getAudioOverview(file.c_str(), -1, c.bucket);
-        ASSERT_NE(overview, nullptr);
+        ASSERT_TRUE(!reference.empty() && overview);
         const long long total = static_cast<long long>(reference[0].size());
-        ASSERT_EQ(overview->channels, static_cast<int>(reference.size()));
-        ASSERT_EQ(overview->samples, total);
+        ASSERT_TRUE(overview->channels == static_cast<int>(reference.size()) && overview->samples == total);
         const double per_bucket = static_cast<double>(c.bucket.num) * overview->sampleRate / c.bucket.den;
         ASSERT_EQ(overview->buckets, static_cast<int>(std::ceil(total / per_bucket - 1e-9)));
         for (int k = 0; k < overview->buckets; ++k) {
@@ -102,13 +98,14 @@ TEST(AudioOverview, CancelsReportsProgressAndAnswersAgainFromItsCache) {
     const auto first = getAudioOverview(file.c_str(), -1, Rational(1, 100), &cancel, [&](double f) { last = f, ++reports; });
     ASSERT_NE(first, nullptr);
     EXPECT_TRUE(last == 1.0 && reports >= 50 && reports <= 101);
-    const uint64_t decoded = decode_counters().frames_decoded.load();
+    const testsupport::Counts before = testsupport::Counts::now();
     EXPECT_EQ(getAudioOverview(file.c_str(), -1, Rational(10, 1000)), first);  // the same bucket, reduced
-    EXPECT_EQ(decode_counters().frames_decoded.load(), decoded);
+    EXPECT_EQ(before.since().frames, 0u);
 
     // Nothing to measure: no file, no audio, no positive bucket.
-    EXPECT_EQ(getAudioOverview(nullptr, -1, Rational(1, 100)), nullptr);
-    EXPECT_EQ(getAudioOverview(testmedia::path("h264_23976.mp4").c_str(), -1, Rational(1, 100)), nullptr);
-    EXPECT_EQ(getAudioOverview(file.c_str(), -1, Rational(0, 1)), nullptr);
-    EXPECT_EQ(getAudioOverview(file.c_str(), 5, Rational(1, 100)), nullptr);
+    const std::string video = testmedia::path("h264_23976.mp4");
+    const struct { const char* file; int stream; Rational bucket; } nothing[] = {
+        {nullptr, -1, Rational(1, 100)}, {video.c_str(), -1, Rational(1, 100)}, {file.c_str(), -1, Rational(0, 1)},
+        {file.c_str(), 5, Rational(1, 100)}};
+    for (const auto& n : nothing) EXPECT_EQ(getAudioOverview(n.file, n.stream, n.bucket), nullptr) << n.stream;
 }

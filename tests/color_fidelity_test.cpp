@@ -1,5 +1,5 @@
-// Pictures as their sources show them: every matrix and range, alpha, and fine
-// chroma detail above 8 bits, over the colour media of
+// Pictures as their sources show them: every matrix and range (also in YUV
+// output), alpha, and fine chroma detail above 8 bits, over the colour media of
 // scripts/gen_color_media.sh (whose patch table is repeated here).
 #include <gtest/gtest.h>
 
@@ -11,9 +11,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
-#include "ff_ptr.h"
-#include "ffdecoder.h"
-#include "media.h"
+#include "support.h"
 
 using namespace ff;
 
@@ -27,19 +25,14 @@ constexpr int kPatchAlpha[3] = {255, 128, 0};
 
 enum class Content { Patches, AlphaPatches, Lines };
 
-struct ColorCase {
-    const char* file;
-    Content content;
-    int pix_fmt;  // the probe's pixel format, or -1 not to check
-    int trc;      // the probe's transfer characteristic, or -1 not to check
-};
-
-const ColorCase kCases[] = {
-    {"color_bt709.mp4", Content::Patches, -1, AVCOL_TRC_BT709},
+// File, content, the probe's pixel format and transfer characteristic (-1: not
+// checked), and whether a YUV picture is checked as well.
+const struct ColorCase { const char* file; Content content; int pix_fmt, trc; bool yuv = false; } kCases[] = {
+    {"color_bt709.mp4", Content::Patches, -1, AVCOL_TRC_BT709, true},
     {"color_bt601.mp4", Content::Patches, -1, AVCOL_TRC_SMPTE170M},
     {"color_bt2020_10bit.mp4", Content::Patches, AV_PIX_FMT_YUV420P10LE, AVCOL_TRC_SMPTE2084},
-    {"color_full_h264.mp4", Content::Patches, AV_PIX_FMT_YUVJ420P, -1},
-    {"color_full_vp9.webm", Content::Patches, -1, -1},
+    {"color_full_h264.mp4", Content::Patches, AV_PIX_FMT_YUVJ420P, -1, true},
+    {"color_full_vp9.webm", Content::Patches, -1, -1, true},
     {"color_full_hevc.mp4", Content::Patches, -1, -1},
     {"color_untagged_sd.mp4", Content::Patches, -1, AVCOL_TRC_UNSPECIFIED},
     {"color_untagged_hd.mp4", Content::Patches, -1, AVCOL_TRC_UNSPECIFIED},
@@ -52,18 +45,9 @@ const ColorCase kCases[] = {
     {"lines_yuv420p12.mkv", Content::Lines, AV_PIX_FMT_YUV420P12LE, -1},
 };
 
-const StreamCtx* video_of(const char* file) {
-    MovieCtx* mv = FFDecoder::probe(testmedia::path(file).c_str(), nullptr);
-    return mv && mv->nb_video > 0 ? mv->streams[mv->video_indexes[0]] : nullptr;
-}
-
-std::shared_ptr<VFrameCtx> rgba_at(const StreamCtx* st, Rational t) {
+std::shared_ptr<VFrameCtx> picture_at(const StreamCtx* st, Rational t, PixelFormat format) {
     FFDecoder dec;
-    if (!dec.open(st)) return {};
-    RequireVideoFrame req;
-    req.time = t;
-    req.format = PF_RGBA;
-    return dec.getVideoFrame(req);
+    return dec.open(st) ? dec.getVideoFrame(RequireVideoFrame{t, format, 1, nullptr}) : nullptr;
 }
 
 // Every patch centre within 4 levels of its RGB, alpha within 2.
@@ -94,6 +78,8 @@ UniqueAVFrame plain_frame(const std::string& file, int index) {
 // source's tagged matrix and range.
 std::vector<uint8_t> careful_rgba(const AVFrame& f) {
     std::vector<uint8_t> rgba(static_cast<size_t>(f.width) * f.height * 4);
+    uint8_t* dst[4] = {rgba.data()};
+    int dst_linesize[4] = {f.width * 4};
     SwsContext* sws = sws_getContext(f.width, f.height, static_cast<AVPixelFormat>(f.format), f.width, f.height,
                                      AV_PIX_FMT_RGBA,
                                      SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT | SWS_FULL_CHR_H_INP,
@@ -101,8 +87,6 @@ std::vector<uint8_t> careful_rgba(const AVFrame& f) {
     const int* coefficients = sws_getCoefficients(f.colorspace);
     sws_setColorspaceDetails(sws, coefficients, f.color_range == AVCOL_RANGE_JPEG, coefficients, 1, 0, 1 << 16,
                              1 << 16);
-    uint8_t* dst[4] = {rgba.data()};
-    int dst_linesize[4] = {f.width * 4};
     sws_scale(sws, f.data, f.linesize, 0, f.height, dst, dst_linesize);
     sws_freeContext(sws);
     return rgba;
@@ -125,18 +109,13 @@ double rgb_psnr(const VFrameCtx& p, const std::vector<uint8_t>& ref) {
 TEST(ColorFidelity, EverySourceLooksAsItsDescriptionSays) {
     for (const ColorCase& c : kCases) {
         SCOPED_TRACE(c.file);
-        const StreamCtx* st = video_of(c.file);
+        const StreamCtx* st = testsupport::stream_of(c.file, STREAM_VIDEO);
         ASSERT_NE(st, nullptr);
-        if (c.pix_fmt >= 0) {
-            EXPECT_STREQ(av_get_pix_fmt_name(static_cast<AVPixelFormat>(st->pix_fmt)),
-                         av_get_pix_fmt_name(static_cast<AVPixelFormat>(c.pix_fmt)));
-        }
-        if (c.trc >= 0) {
-            EXPECT_EQ(st->color_trc, c.trc);
-        }
+        EXPECT_TRUE(c.pix_fmt < 0 || st->pix_fmt == c.pix_fmt) << av_get_pix_fmt_name(static_cast<AVPixelFormat>(st->pix_fmt));
+        EXPECT_TRUE(c.trc < 0 || st->color_trc == c.trc) << st->color_trc;
         EXPECT_EQ(st->field_order, AV_FIELD_PROGRESSIVE);
         // Frame 3 (of 5), identified by its bars as everywhere else.
-        const std::shared_ptr<VFrameCtx> picture = rgba_at(st, Rational(3, 25));
+        const std::shared_ptr<VFrameCtx> picture = picture_at(st, Rational(3, 25), PF_RGBA);
         ASSERT_NE(picture, nullptr);
         EXPECT_EQ(testmedia::picture_index(*picture), 3);
         if (c.content == Content::Lines) {
@@ -146,24 +125,13 @@ TEST(ColorFidelity, EverySourceLooksAsItsDescriptionSays) {
         } else {
             expect_patches(*picture, c.content == Content::AlphaPatches);
         }
-    }
-}
-
-TEST(ColorFidelity, YuvPicturesKeepTheMatrixInLimitedRange) {
-    // Grey 24 of the patches: luma 16 + 24 * 219 / 255 in limited range,
-    // whatever range the source used.
-    for (const char* file : {"color_bt709.mp4", "color_full_h264.mp4", "color_full_vp9.webm"}) {
-        SCOPED_TRACE(file);
-        FFDecoder dec;
-        ASSERT_TRUE(dec.open(video_of(file)));
-        RequireVideoFrame req;
-        req.time = Rational(1, 25);
-        req.format = PF_YUV420P;
-        const std::shared_ptr<VFrameCtx> p = dec.getVideoFrame(req);
-        ASSERT_NE(p, nullptr);
-        EXPECT_EQ(p->color_space, AVCOL_SPC_BT709);
-        EXPECT_EQ(p->color_range, AVCOL_RANGE_MPEG);
-        const int x = 5 * p->width / 16, y = p->height * 9 / 16 + 3 * p->height * 7 / 64;  // patch 10
-        EXPECT_NEAR(p->data[0][y * p->linesize[0] + x], 37, 2);
+        // YUV pictures keep the matrix in limited range, whatever range the
+        // source used: grey 24 of the patches is luma 16 + 24 * 219 / 255.
+        if (c.yuv) {
+            const auto p = picture_at(st, Rational(1, 25), PF_YUV420P);
+            ASSERT_TRUE(p && p->color_space == AVCOL_SPC_BT709 && p->color_range == AVCOL_RANGE_MPEG);
+            const int x = 5 * p->width / 16, y = p->height * 9 / 16 + 3 * p->height * 7 / 64;  // patch 10
+            EXPECT_NEAR(p->data[0][y * p->linesize[0] + x], 37, 2);
+        }
     }
 }
