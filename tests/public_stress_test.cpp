@@ -6,25 +6,14 @@
 // decoders replaced, and probes of new paths to the same movies. Nothing may
 // deadlock or escape and every delivered picture and span must be exact.
 // CLIPDEC_STRESS_SECONDS sets the length (default 4 s; scripts/stress.sh runs 60).
-#include <gtest/gtest.h>
-
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <memory>
-#include <mutex>
 #include <random>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "support.h"
 #include "ff_tools.h"
 #include "ffdecoder2.h"
-#include "media.h"
+#include "support.h"
 #include "watchdog.h"
 
 using namespace ff;
@@ -60,14 +49,6 @@ int expected_index(const testsupport::VideoUnderTest& v, const Rational& t) {
     return testsupport::expect_down(v, start + time_to_timestamp(t, v.stream->time_base)).index;
 }
 
-bool span_is_ramp(const AFrameCtx& a, long long first) {
-    const auto* s = reinterpret_cast<const int16_t*>(a.data[0]);
-    for (int i = 0; i < a.nb_samples; ++i)
-        if (s[2 * i] != testmedia::ramp_sample(first + i, 0) || s[2 * i + 1] != testmedia::ramp_sample(first + i, 1))
-            return false;
-    return true;
-}
-
 void ask_picture(FFDecoder& dec, const Source& src, std::mt19937& rng, bool async, Tally& tally) {
     RequireVideoFrame req;
     req.time = Rational(static_cast<long long>(rng() % src.length_ms), 1000);
@@ -95,12 +76,10 @@ void ask_picture(FFDecoder& dec, const Source& src, std::mt19937& rng, bool asyn
 
 void ask_span(FFDecoder& dec, std::mt19937& rng, Tally& tally) {
     const long long first = rng() % (3 * 48000);
-    RequireAudioFrame req;
-    req.format = SF_S16;
-    req.range = Range(Rational(first, 48000), Rational(first + 960 + rng() % 4000, 48000));
-    if (const auto a = dec.getAudioFrame(req)) {
+    const long long end = first + 960 + rng() % 4000;
+    if (const auto a = dec.getAudioFrame(testsupport::audio_request({first, 48000}, {end, 48000}, SF_S16, 48000))) {
         ++tally.spans;
-        if (!span_is_ramp(*a, first)) ++tally.wrong_spans;
+        if (!testsupport::is_ramp(*a, first)) ++tally.wrong_spans;
     }
 }
 
