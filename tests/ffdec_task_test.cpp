@@ -68,7 +68,8 @@ TEST(FFDecTask, WalkThroughCacheForwardSeekAndEnd) {
         EXPECT_EQ(c.since().seeks, row.seeks);
         ASSERT_TRUE(task.mutex.try_lock());  // free after every request
         std::lock_guard<std::mutex> lock(task.mutex, std::adopt_lock);
-        EXPECT_LE(task.frames.size(), std::max(task.max_frames, task.window_frames) + 1);  // a backward step keeps a window
+        // A step back keeps a window of frames; otherwise the cache stays within its limit.
+        EXPECT_LE(task.frames.size(), std::max(task.max_frames, task.window_frames) + 1);
         EXPECT_EQ(task.at_begin, row.at_begin);
         EXPECT_EQ(task.at_end, row.at_end);
     }

@@ -68,6 +68,14 @@ RequireVideoFrame at_ms(long long ms, std::atomic<bool>* cancel = nullptr) {
 
 int index_of(const std::shared_ptr<VFrameCtx>& p) { return p ? testmedia::picture_index(*p) : -1; }
 
+// The picture an asynchronous request is answered with; -2 when none comes.
+int async_index(FFDecoder& dec, long long ms) {
+    auto answered = std::make_shared<std::promise<int>>();
+    dec.getVideoFrameAsync(at_ms(ms), [answered](std::shared_ptr<VFrameCtx> p) { answered->set_value(index_of(p)); });
+    auto answer = answered->get_future();
+    return answer.wait_for(kLimit) == std::future_status::ready ? answer.get() : -2;
+}
+
 class Video : public testing::Test {
 protected:
     void SetUp() override {
@@ -164,13 +172,7 @@ TEST_F(Video, OpenReopenAndCloseCyclesLeaveNoTaskOrThread) {
             ASSERT_TRUE(dec->open(video.stream));
             ASSERT_TRUE(dec->open(video.stream));  // open while open
             ASSERT_TRUE(dec->reopen());
-            std::promise<int> answered;
-            dec->getVideoFrameAsync(at_ms(40 * cycle), [&](std::shared_ptr<VFrameCtx> p) {
-                answered.set_value(index_of(p));
-            });
-            auto answer = answered.get_future();
-            ASSERT_EQ(answer.wait_for(kLimit), std::future_status::ready);
-            EXPECT_EQ(answer.get(), cycle);
+            EXPECT_EQ(async_index(*dec, 40 * cycle), cycle);
             ASSERT_EQ(workers(), workers_before + (dec == &d ? 1 : 2));
         }
         kept.close();
@@ -187,10 +189,7 @@ public:
     std::atomic<bool> fail{false};
     std::atomic<int> thrown{0};
     std::shared_ptr<VFrameCtx> pri_getVideoFrame(const RequireVideoFrame& req, int seq) override {
-        if (fail) {
-            ++thrown;
-            throw std::bad_alloc();
-        }
+        if (fail) ++thrown, throw std::bad_alloc();
         return FFDecoder::pri_getVideoFrame(req, seq);
     }
 };
@@ -198,11 +197,7 @@ public:
 }  // namespace
 
 TEST_F(Video, NoExceptionReachesTheHostAndTheWorkerGoesOn) {
-    struct Case {
-        const char* what;
-        bool async, request_throws, callback_throws;
-    };
-    const Case cases[] = {
+    const struct Case { const char* what; bool async, request_throws, callback_throws; } cases[] = {
         {"request throws", false, true, false},
         {"asynchronous request throws", true, true, false},
         {"callback throws", true, false, true},
@@ -228,16 +223,11 @@ TEST_F(Video, NoExceptionReachesTheHostAndTheWorkerGoesOn) {
         }
         // The next asynchronous request is answered: the worker lives on.
         dec.fail = false;
-        std::promise<int> answered;
-        dec.getVideoFrameAsync(at_ms(800), [&](std::shared_ptr<VFrameCtx> p) { answered.set_value(index_of(p)); });
-        auto answer = answered.get_future();
-        ASSERT_EQ(answer.wait_for(kLimit), std::future_status::ready);
-        EXPECT_EQ(answer.get(), 20);
+        EXPECT_EQ(async_index(dec, 800), 20);
         const std::string text = log.take();
-        EXPECT_NE(text.find(c.callback_throws ? "asynchronous callback: exception caught: host callback failed"
-                                              : "exception caught: std::bad_alloc"),
-                  std::string::npos)
-            << text;
+        const char* logged = c.callback_throws ? "asynchronous callback: exception caught: host callback failed"
+                                               : "exception caught: std::bad_alloc";
+        EXPECT_TRUE(testsupport::contains(text, logged)) << text;
     }
 }
 

@@ -22,8 +22,7 @@ namespace {
 
 int stress_seconds() {
     const char* text = std::getenv("CLIPDEC_STRESS_SECONDS");
-    const int s = text ? std::atoi(text) : 0;
-    return s > 0 ? s : 4;
+    return text && std::atoi(text) > 0 ? std::atoi(text) : 4;
 }
 
 struct Source {
@@ -54,33 +53,23 @@ void ask_picture(FFDecoder& dec, const Source& src, std::mt19937& rng, bool asyn
     req.time = Rational(static_cast<long long>(rng() % src.length_ms), 1000);
     req.format = rng() % 2 ? PF_RGBA : PF_YUV420P;
     const int expected = expected_index(src.video, req.time);
-    auto check = [&tally, expected](const std::shared_ptr<VFrameCtx>& p) {
-        if (testmedia::picture_index(*p) != expected) ++tally.wrong;
-    };
     if (!async) {
-        if (const auto p = dec.getVideoFrame(req)) {
-            ++tally.pictures;
-            check(p);
-        }
+        const auto p = dec.getVideoFrame(req);
+        if (p) tally.wrong += testmedia::picture_index(*p) != expected, ++tally.pictures;
         return;
     }
     const bool throws = rng() % 8 == 0;  // the library catches it and the worker goes on
-    dec.getVideoFrameAsync(req, [&tally, check, throws](std::shared_ptr<VFrameCtx> p) {
-        ++tally.async_answers;
-        check(p);
-        if (!throws) return;
-        ++tally.thrown;
-        throw std::runtime_error("host callback failed");
+    dec.getVideoFrameAsync(req, [&tally, expected, throws](std::shared_ptr<VFrameCtx> p) {
+        tally.wrong += testmedia::picture_index(*p) != expected, ++tally.async_answers;
+        if (throws) ++tally.thrown, throw std::runtime_error("host callback failed");
     });
 }
 
 void ask_span(FFDecoder& dec, std::mt19937& rng, Tally& tally) {
     const long long first = rng() % (3 * 48000);
     const long long end = first + 960 + rng() % 4000;
-    if (const auto a = dec.getAudioFrame(testsupport::audio_request({first, 48000}, {end, 48000}, SF_S16, 48000))) {
-        ++tally.spans;
-        if (!testsupport::is_ramp(*a, first)) ++tally.wrong_spans;
-    }
+    const auto a = dec.getAudioFrame(testsupport::audio_request({first, 48000}, {end, 48000}, SF_S16, 48000));
+    if (a) tally.wrong_spans += !testsupport::is_ramp(*a, first), ++tally.spans;
 }
 
 // A new path to the same movie: a fresh probe, a decoder on it, one answer.
@@ -90,10 +79,8 @@ void probe_new_path(const Source& src, int serial, Tally& tally) {
                              std::to_string(serial) + (src.audio ? ".wav" : ".mp4");
     unlink(link.c_str());
     if (::link(original.c_str(), link.c_str()) != 0) return;
-    if (const MovieCtx* mv = getMovieInfo(link.c_str(), nullptr)) {
-        ++tally.probes;
-        if (mv->nb_streams < 1) ++tally.wrong;
-    }
+    const MovieCtx* mv = getMovieInfo(link.c_str(), nullptr);
+    if (mv) tally.wrong += mv->nb_streams < 1, ++tally.probes;
     unlink(link.c_str());
 }
 
