@@ -127,10 +127,11 @@ TEST_F(Video, ADecoderThatNeverOpenedCreatesNoPool) {
     };
     const auto before = registry();
     {
-        FFDecoder idle, failed;
+        auto idle = std::make_unique<FFDecoder>();  // deleted through the pointer
+        FFDecoder failed;
         EXPECT_FALSE(failed.open(&unopenable));
         EXPECT_FALSE(failed.reopen());
-        for (FFDecoder* d : {&idle, &failed}) {
+        for (FFDecoder* d : {idle.get(), &failed}) {
             EXPECT_EQ(d->getVideoFrame(at_ms(0)), nullptr);
             EXPECT_EQ(d->getAudioFrame(testsupport::audio_request({0, 1}, {1, 1}, SF_S16, 48000)), nullptr);
             d->pri_seek(Rational(1, 1), false);
@@ -141,7 +142,7 @@ TEST_F(Video, ADecoderThatNeverOpenedCreatesNoPool) {
     EXPECT_EQ(registry(), before);
 }
 
-TEST_F(Video, CloseCutsItsOwnRequestAndItsWaitingRequestsShort) {
+TEST_F(Video, CloseCutsItsOwnRequestsAndItsWaitingRequestsShort) {
     FFDecoder a, b;
     ASSERT_TRUE(a.open(video.stream) && b.open(video.stream));
     JobHold hold(HoldMode::UntilCancelled);
@@ -159,6 +160,16 @@ TEST_F(Video, CloseCutsItsOwnRequestAndItsWaitingRequestsShort) {
     auto close_a = run_aside([&] { a.close(); });
     ASSERT_TRUE(done(close_a) && done(own));
     EXPECT_EQ(own.get(), nullptr);
+
+    // So does an audio request: it answers nothing or the exact samples decoded so far.
+    FFDecoder sound;
+    ASSERT_TRUE(sound.open(testsupport::stream_of("pcm_s16.wav", STREAM_AUDIO)));
+    auto span = run_aside([&] { return sound.getAudioFrame(testsupport::audio_request({1, 1}, {2, 1}, SF_S16, 48000)); });
+    JobHold::wait_held(1);
+    auto close_sound = run_aside([&] { sound.close(); });
+    ASSERT_TRUE(done(close_sound) && done(span));
+    const auto answer = span.get();
+    EXPECT_TRUE(!answer || testsupport::is_ramp(*answer, 48000));
 }
 
 TEST_F(Video, OpenReopenAndCloseCyclesLeaveNoTaskOrThread) {
