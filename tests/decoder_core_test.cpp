@@ -1,9 +1,9 @@
 // The decoder core over the scheduler and its tasks: the right frame for every
 // timestamp in both rounding modes, a walk through cache hits, forward
-// decoding and the next frame, shared decoding between decoders of one
-// stream, picture and audio conversions, and filters.
+// decoding and the next frame, picture and audio conversions, and filters.
+// Which worker serves which decoder is the scheduler test's; many threads
+// over many decoders are the public stress test's.
 #include <random>
-#include <thread>
 
 extern "C" {
 #include <libavutil/imgutils.h>
@@ -82,36 +82,6 @@ TEST(DecoderCore, WalkThroughCacheHitsForwardDecodingAndTheNextFrame) {
         EXPECT_EQ(delta.hits, row.hits);
         EXPECT_EQ(delta.frames, row.decoded);
         EXPECT_EQ(delta.seeks, row.seeks);
-    }
-}
-
-TEST(DecoderCore, DecodersOfOneStreamShareTheirWork) {
-    const VideoUnderTest v = testsupport::load_video("h264_cfr.mp4");
-    ASSERT_EQ(v.reference.size(), 100u);
-    for (int decoders : {1, 2, 8}) {
-        SCOPED_TRACE(decoders);
-        std::vector<std::unique_ptr<FFDecoderPrivate>> all;
-        for (int i = 0; i < decoders; ++i) {
-            all.push_back(std::make_unique<FFDecoderPrivate>());
-            ASSERT_TRUE(all.back()->open(v.stream));
-        }
-        const Counts c = Counts::now();
-        testsupport::Barrier lockstep(decoders);
-        std::atomic<int> wrong{0};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < decoders; ++i) {
-            threads.emplace_back([&, i] {
-                for (const auto& ref : v.reference) {
-                    lockstep.arrive_and_wait();
-                    if (index_of(all[i]->get_frame(ref.pts, nullptr)) != ref.index) ++wrong;
-                }
-            });
-        }
-        for (auto& t : threads) t.join();
-        EXPECT_EQ(wrong.load(), 0);
-        EXPECT_LE(c.since().frames, 110u);  // each frame decoded about once, whatever the number of readers
-        for (auto& d : all) d->close();
-        EXPECT_EQ(g_decoder_mgr.pool_of(v.stream)->worker_count(), 0u);
     }
 }
 

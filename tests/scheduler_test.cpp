@@ -276,6 +276,23 @@ TEST(SchedulerWait, WaiterGetsFrameTakesOverOrGivesUpWhenCancelled) {
     }
 }
 
+// A worker chosen for a frame draws the next request for that frame, though
+// it cannot tell it will reach it and an idle worker would reach the frame by
+// decoding on: one decode, not two.
+TEST(SchedulerWait, ARequestWaitsForTheWorkerChosenForItsFrame) {
+    Gate gate;
+    Pool p;
+    FakeWorker* first = p.add([&](FakeWorker& x) { x.before_append = &gate; });
+    Async a(p.sched, 100, 1);
+    p.t.wait_jobs(1);
+    p.add([](FakeWorker& x) { x.hold(50), x.arrive_hi = 200; });
+    Async b(p.sched, 100, 2);
+    wait_until([&] { return waiters_of(first) > 0 || p.t.job_log().size() > 1; }, "request never waited");
+    gate.open();
+    EXPECT_EQ(a.get(), b.get());
+    EXPECT_EQ(p.t.job_log().size(), 1u);
+}
+
 TEST(SchedulerRemoval, RemovesOnlyTheLeastRecentlyUsedIdleWorker) {
     {  // Running and awaited, waited on, or reserved by a walk: never a victim.
         Gate gate;
