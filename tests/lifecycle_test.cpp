@@ -1,9 +1,10 @@
-// A host's lifecycle around the answers: closes and cached requests that never
-// wait for another decoder's decoding, a close that cuts its own request and
-// its waiting requests short, open/reopen/close cycles that leave no task or
-// thread behind, exceptions that never reach the host, and setters that wait
-// for the request under way. Jobs are held mid-decode by the task's decode
-// hook, so every case is decided by order, not by timing.
+// A host's lifecycle around the answers: a cancel, a close and cached
+// requests that never wait for another decoder's decoding; a decoder that
+// never opened and creates no pool; a close that cuts its own requests
+// (pictures and audio) and its waiting requests short; open/reopen/close
+// cycles that leave no task or thread behind; exceptions that never reach the
+// host; setters that wait for the request under way. Jobs are held mid-decode
+// by the task's decode hook, so every case is decided by order, not by timing.
 #include <future>
 #include <new>
 #include <stdexcept>

@@ -1,6 +1,7 @@
 // The decode scheduler, driven by scripted fake workers: which worker serves a
-// request, how a request waits for a busy worker heading to its frame, how a
-// cancelled waiter gives up, and which worker a closing decoder removes.
+// request, how a request waits for a busy worker heading to its frame or
+// already chosen for it, how a cancelled waiter gives up, and which worker a
+// closing decoder removes.
 //
 // A fake keeps its "cache" as a map of timestamps to frames, guarded by the
 // worker's own mutex like the real task, and can hold a job at a gate so that
