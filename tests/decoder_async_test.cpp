@@ -1,40 +1,17 @@
 // Asynchronous requests: newest-wins queuing, cancellation, close while
-// requests wait, one worker per decoder. Many threads over many decoders are
+// requests wait, reopen and positioning, one worker per decoder, and a
+// callback that closes its own decoder. Many threads over many decoders are
 // the public stress test's.
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <condition_variable>
+#include <functional>
 #include <set>
 #include <thread>
 
 #include "support.h"
-#include "ffdecoder.h"
 
 using namespace ff;
+using testsupport::Gate;
 
 namespace {
-
-// A one-shot gate a callback can wait on.
-class Gate {
-public:
-    // Notifies under the lock: once a waiter is through, the opener no longer
-    // touches the gate, which may then go out of scope.
-    void open() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        open_ = true;
-        cv_.notify_all();
-    }
-    bool wait(std::chrono::seconds limit = std::chrono::seconds(30)) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return cv_.wait_for(lock, limit, [this] { return open_; });
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    bool open_ = false;
-};
 
 RequireVideoFrame at_ms(long long ms) {
     RequireVideoFrame req;
@@ -43,47 +20,51 @@ RequireVideoFrame at_ms(long long ms) {
     return req;
 }
 
+// Queues a request whose callback keeps the decoder's worker until `release`
+// opens, then hands the picture index on: requests queued meanwhile wait.
+void occupy(FFDecoder& dec, Gate& release, const std::function<void(int)>& then = [](int) {}) {
+    Gate running;  // the callback touches it no more once a waiter is through
+    dec.getVideoFrameAsync(at_ms(0), [&running, &release, then](std::shared_ptr<VFrameCtx> p) {
+        running.open();
+        release.wait();
+        then(testmedia::picture_index(*p));
+    });
+    ASSERT_TRUE(running.wait());
+}
+
+class DecoderAsync : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(dec.open(testsupport::stream_of("h264_cfr.mp4", STREAM_VIDEO))); }
+    FFDecoder dec;
+};
+
 }  // namespace
 
-TEST(DecoderAsync, NewestRequestReplacesTheWaitingOnes) {
-    const testsupport::VideoUnderTest v = testsupport::load_video("h264_cfr.mp4");
-    FFDecoder dec;
-    ASSERT_TRUE(dec.open(v.stream));
-    Gate first_running, release_first, last_done;
+TEST_F(DecoderAsync, NewestRequestReplacesTheWaitingOnes) {
+    Gate release, last_done;
     std::mutex mutex;
     std::vector<int> delivered;
-    dec.getVideoFrameAsync(at_ms(0), [&](std::shared_ptr<VFrameCtx> p) {
-        first_running.open();
-        release_first.wait();
+    auto record = [&](int index) {
         std::lock_guard<std::mutex> lock(mutex);
-        delivered.push_back(testmedia::picture_index(*p));
-    });
-    ASSERT_TRUE(first_running.wait());
+        delivered.push_back(index);
+    };
+    occupy(dec, release, record);
     for (int i = 1; i <= 9; ++i) {
         dec.getVideoFrameAsync(at_ms(i * 400), [&, i](std::shared_ptr<VFrameCtx> p) {
-            std::lock_guard<std::mutex> lock(mutex);
-            delivered.push_back(testmedia::picture_index(*p));
+            record(testmedia::picture_index(*p));
             if (i == 9) last_done.open();
         });
     }
-    release_first.open();
+    release.open();
     ASSERT_TRUE(last_done.wait());
     dec.close();  // joins the worker: nothing else can arrive
     EXPECT_EQ(delivered, (std::vector<int>{0, 90}));
 }
 
-TEST(DecoderAsync, CancelledAndClosedRequestsNeverCallBack) {
-    const testsupport::VideoUnderTest v = testsupport::load_video("h264_cfr.mp4");
-    FFDecoder dec;
-    ASSERT_TRUE(dec.open(v.stream));
-    Gate running, release;
+TEST_F(DecoderAsync, CancelledAndClosedRequestsNeverCallBackAndReopenAnswersAgain) {
     std::atomic<int> calls{0};
-    dec.getVideoFrameAsync(at_ms(100), [&](std::shared_ptr<VFrameCtx>) {
-        running.open();
-        release.wait();
-        ++calls;
-    });
-    ASSERT_TRUE(running.wait());
+    Gate release;
+    occupy(dec, release, [&](int) { ++calls; });
     std::atomic<bool> cancel{true};
     RequireVideoFrame cancelled = at_ms(200);
     cancelled.cancel = &cancel;
@@ -94,15 +75,11 @@ TEST(DecoderAsync, CancelledAndClosedRequestsNeverCallBack) {
 
     // Queued, then closed before it can run: no call, and the worker is gone.
     ASSERT_TRUE(dec.reopen());
-    Gate busy, go;
-    dec.getVideoFrameAsync(at_ms(300), [&](std::shared_ptr<VFrameCtx>) {
-        busy.open();
-        go.wait();
-    });
-    ASSERT_TRUE(busy.wait());
+    Gate go;
+    occupy(dec, go);
     dec.getVideoFrameAsync(at_ms(400), [&](std::shared_ptr<VFrameCtx>) { calls += 1000; });
     std::thread closer([&] { dec.close(); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    testsupport::wait_until([&] { return !dec.isOpened(); }, "close never began");  // it now joins the worker
     go.open();
     closer.join();
     EXPECT_EQ(calls.load(), 1);
@@ -118,43 +95,34 @@ TEST(DecoderAsync, CancelledAndClosedRequestsNeverCallBack) {
     dec.close();  // the worker ends before the gates go
 }
 
-TEST(DecoderAsync, FirstRequestsRacingCreateOneWorkerAndCallbacksMayClose) {
-    const testsupport::VideoUnderTest v = testsupport::load_video("vfr.mkv");
-    auto dec = std::make_unique<FFDecoder>();
-    ASSERT_TRUE(dec->open(v.stream));
+TEST_F(DecoderAsync, FirstRequestsRacingCreateOneWorkerAndCallbacksMayClose) {
     std::mutex mutex;
     std::set<std::thread::id> workers;
-    std::atomic<int> answered{0};
     std::vector<std::thread> threads;
-    std::atomic<bool> start{false};
+    testsupport::Barrier start(8);
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([&, t] {
-            while (!start) std::this_thread::yield();
-            dec->getVideoFrameAsync(at_ms(100 * t), [&](std::shared_ptr<VFrameCtx>) {
+            start.arrive_and_wait();
+            dec.getVideoFrameAsync(at_ms(100 * t), [&](std::shared_ptr<VFrameCtx>) {
                 std::lock_guard<std::mutex> lock(mutex);
                 workers.insert(std::this_thread::get_id());
-                ++answered;
             });
         });
     }
-    start = true;
     for (auto& th : threads) th.join();
     // Every request but the newest may be discarded; the newest is answered.
     // (Closing right away could make it stale before the worker takes it.)
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (answered.load() == 0 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    dec->close();
-    EXPECT_GE(answered.load(), 1);
+    testsupport::wait_until([&] { std::lock_guard<std::mutex> lock(mutex); return !workers.empty(); },
+                            "the newest request was never answered");
+    dec.close();
     EXPECT_EQ(workers.size(), 1u);
 
     // A callback that closes its own decoder neither deadlocks nor crashes.
-    ASSERT_TRUE(dec->reopen());
+    ASSERT_TRUE(dec.reopen());
     Gate closed;
-    dec->getVideoFrameAsync(at_ms(500), [&](std::shared_ptr<VFrameCtx>) {
-        dec->close();
+    dec.getVideoFrameAsync(at_ms(500), [&](std::shared_ptr<VFrameCtx>) {
+        dec.close();
         closed.open();
     });
     EXPECT_TRUE(closed.wait());
-    dec.reset();
 }

@@ -1,32 +1,17 @@
 // The frame cache task on its own: cache answers, forward decoding, seeks with
-// backward correction, the cache limit and broken streams, checked through the
-// frames' own indices and the decode counters.
-#include <gtest/gtest.h>
-
-#include "decode_counters.h"
+// backward correction, the next-frame walk, the cache limit, backward windows
+// and broken streams, checked through the frames' own indices and the decode
+// counters.
 #include "ffdec_task.h"
-#include "ffdecoder.h"
-#include "media.h"
-#include "movie_info.h"
+#include "support.h"
 
 using namespace ff;
+using testsupport::Counts;
+using testsupport::stream_of;
 
 namespace {
 
 constexpr long long kFrame = 512;  // h264_cfr.mp4: 25 fps in 1/12800
-
-const StreamCtx* video_of(const char* name) {
-    MovieCtx* mv = FFDecoder::probe(testmedia::path(name).c_str(), nullptr);
-    if (!mv || mv->nb_video < 1) return nullptr;
-    return mv->streams[mv->video_indexes[0]];
-}
-
-struct Counts {
-    uint64_t frames = decode_counters().frames_decoded.load();
-    uint64_t seeks = decode_counters().seeks.load();
-    uint64_t decoded() const { return decode_counters().frames_decoded.load() - frames; }
-    uint64_t sought() const { return decode_counters().seeks.load() - seeks; }
-};
 
 int index_of(const std::shared_ptr<AVFrame>& f) { return f ? testmedia::frame_index(f.get()) : -1; }
 
@@ -39,140 +24,101 @@ std::shared_ptr<AVFrame> ask(FFDec_Task& task, long long t, FFDec_Task::Ts_ROUND
 
 }  // namespace
 
-TEST(FFDecTask, AnswersFromCacheForwardOrBySeeking) {
-    const StreamCtx* sc = video_of("h264_cfr.mp4");
+TEST(FFDecTask, WalkThroughCacheForwardSeekAndEnd) {
+    const StreamCtx* sc = stream_of("h264_cfr.mp4", STREAM_VIDEO);
     ASSERT_NE(sc, nullptr);
     FFDec_Task task;
     EXPECT_EQ(task.cached_first_ts(), -1);
     ASSERT_TRUE(task.open(sc));
     EXPECT_EQ(task.max_frames, 4u);
     EXPECT_EQ(task.ts_per_sec, 12800);
-
-    // A negative target seeks to the start.
-    Counts c;
-    EXPECT_EQ(index_of(ask(task, -100)), 0);
-    EXPECT_TRUE(task.at_begin);
-    EXPECT_EQ(c.sought(), 1u);
-
-    // Within two seconds past the cache: forward, no seek.
-    c = Counts();
-    EXPECT_EQ(index_of(ask(task, 40 * kFrame)), 40);
-    EXPECT_EQ(c.sought(), 0u);
-    EXPECT_EQ(c.decoded(), 40u);
-
-    // Between frames the one on screen: past the back frame it takes one more
-    // frame to know; after that the cache answers without decoding.
-    c = Counts();
-    EXPECT_EQ(index_of(ask(task, 40 * kFrame + 100)), 40);
-    EXPECT_EQ(c.decoded(), 1u);
-    c = Counts();
-    EXPECT_EQ(index_of(ask(task, 40 * kFrame + 100)), 40);
-    EXPECT_EQ(index_of(ask(task, 39 * kFrame)), 39);
-    EXPECT_EQ(c.decoded(), 0u);
-    EXPECT_EQ(index_of(ask(task, 39 * kFrame, FFDec_Task::ROUND_NEXT)), 40);
-
-    // More than two seconds ahead: the cache goes and the task seeks.
-    c = Counts();
-    EXPECT_EQ(index_of(ask(task, 95 * kFrame)), 95);
-    EXPECT_GE(c.sought(), 1u);
-    EXPECT_FALSE(task.at_begin);
-    // Before the front: seeks even though the frame was decoded earlier.
-    c = Counts();
-    EXPECT_EQ(index_of(ask(task, 10 * kFrame)), 10);
-    EXPECT_GE(c.sought(), 1u);
-
-    // Past the end: the last frame, and at_end.
-    EXPECT_EQ(index_of(ask(task, 500 * kFrame)), 99);
-    EXPECT_TRUE(task.at_end);
-    // ROUND_NEXT on the back frame at the end answers the back frame again.
-    EXPECT_EQ(index_of(ask(task, 99 * kFrame, FFDec_Task::ROUND_NEXT)), 99);
-
-    // The mutex is free after every request.
-    EXPECT_TRUE(task.mutex.try_lock());
-    task.mutex.unlock();
-}
-
-TEST(FFDecTask, CacheNeverExceedsItsLimitPlusOne) {
-    const StreamCtx* sc = video_of("h264_cfr.mp4");
-    ASSERT_NE(sc, nullptr);
-    FFDec_Task task;
-    ASSERT_TRUE(task.open(sc));
-    for (int i = 0; i < 100; ++i) {
-        ASSERT_EQ(index_of(ask(task, i * kFrame)), i);
-        std::lock_guard<std::mutex> lock(task.mutex);
-        ASSERT_LE(task.frames.size(), task.max_frames + 1);
-        ASSERT_EQ(task.last_ts, i * kFrame);
+    // STEP: get_next_frame after the last delivered; LAST: the same, repeating the last at the end.
+    enum Ask { DOWN, AFTER, STEP, LAST };
+    struct Row { const char* what; Ask ask; long long t; int index; uint64_t decoded, seeks; bool at_begin, at_end; };
+    const Row rows[] = {
+        {"negative target seeks to the start", DOWN, -100, 0, 1, 1, true, false},
+        {"within two seconds: forward", DOWN, 40 * kFrame, 40, 40, 0, false, false},
+        {"past the back frame: one more to know", DOWN, 40 * kFrame + 100, 40, 1, 0, false, false},
+        {"then from the cache", DOWN, 40 * kFrame + 100, 40, 0, 0, false, false},
+        {"an earlier cached frame", DOWN, 39 * kFrame, 39, 0, 0, false, false},
+        {"the cached frame after", AFTER, 39 * kFrame, 40, 0, 0, false, false},
+        {"far ahead: seek", DOWN, 95 * kFrame, 95, 23, 1, false, false},
+        {"before the front: seek", DOWN, 10 * kFrame, 10, 11, 1, false, false},
+        {"far ahead again: seek", DOWN, 90 * kFrame, 90, 18, 1, false, false},
+        {"the next frame", STEP, 0, 91, 1, 0, false, false},
+        {"forward to the one before the last", DOWN, 98 * kFrame, 98, 7, 0, false, false},
+        {"the next frame: the last", STEP, 0, 99, 1, 0, false, false},
+        {"the next frame runs into the end: nothing", STEP, 0, -1, 0, 0, false, true},
+        {"at the end, repeating the last", LAST, 0, 99, 0, 0, false, true},
+        {"past the end: the last", DOWN, 500 * kFrame, 99, 0, 0, false, true},
+        {"the frame after the last is the last", AFTER, 99 * kFrame, 99, 0, 0, false, true},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        const Counts c = Counts::now();
+        std::shared_ptr<AVFrame> f;
+        if (row.ask == STEP || row.ask == LAST) {
+            std::lock_guard<std::mutex> lock(task.mutex);
+            f = task.get_next_frame(nullptr, row.ask == LAST);
+        } else {
+            f = ask(task, row.t, row.ask == AFTER ? FFDec_Task::ROUND_NEXT : FFDec_Task::ROUND_DOWN);
+        }
+        EXPECT_EQ(index_of(f), row.index);
+        EXPECT_EQ(c.since().frames, row.decoded);
+        EXPECT_EQ(c.since().seeks, row.seeks);
+        ASSERT_TRUE(task.mutex.try_lock());  // free after every request
+        std::lock_guard<std::mutex> lock(task.mutex, std::adopt_lock);
+        // A step back keeps a window of frames; otherwise the cache stays within its limit.
+        EXPECT_LE(task.frames.size(), std::max(task.max_frames, task.window_frames) + 1);
+        EXPECT_EQ(task.at_begin, row.at_begin);
+        EXPECT_EQ(task.at_end, row.at_end);
     }
 }
 
-TEST(FFDecTask, NextFrameWalksForwardAndRepeatsTheLast) {
-    const StreamCtx* sc = video_of("h264_cfr.mp4");
-    ASSERT_NE(sc, nullptr);
-    FFDec_Task task;
-    ASSERT_TRUE(task.open(sc));
-    ASSERT_EQ(index_of(ask(task, 90 * kFrame)), 90);
-    std::lock_guard<std::mutex> lock(task.mutex);
-    for (int i = 91; i < 100; ++i) EXPECT_EQ(index_of(task.get_next_frame(nullptr, false)), i);
-    EXPECT_EQ(task.get_next_frame(nullptr, false), nullptr);
-    EXPECT_EQ(index_of(task.get_next_frame(nullptr, true)), 99);
-    EXPECT_TRUE(task.at_end);
-}
-
 TEST(FFDecTask, CancelStillPicturesAndBrokenStreams) {
-    const StreamCtx* sc = video_of("h264_cfr.mp4");
+    const StreamCtx* sc = stream_of("h264_cfr.mp4", STREAM_VIDEO);
     ASSERT_NE(sc, nullptr);
     FFDec_Task task;
     ASSERT_TRUE(task.open(sc));
     std::atomic<bool> cancel{true};
-    Counts c;
+    Counts c = Counts::now();
     EXPECT_EQ(ask(task, 50 * kFrame, FFDec_Task::ROUND_DOWN, &cancel), nullptr);
-    EXPECT_EQ(c.decoded(), 0u);
+    EXPECT_EQ(c.since().frames, 0u);
 
     // A single picture answers every time, however asked.
-    const StreamCtx* still = video_of("still.png");
-    ASSERT_NE(still, nullptr);
-    ASSERT_TRUE(still->still_image);
+    const StreamCtx* still = stream_of("still.png", STREAM_VIDEO);
+    ASSERT_TRUE(still && still->still_image);
     FFDec_Task picture;
     ASSERT_TRUE(picture.open(still));
     const auto first = ask(picture, 0);
-    ASSERT_NE(first, nullptr);
-    EXPECT_EQ(testmedia::frame_index(first.get()), 5);
+    EXPECT_EQ(index_of(first), 5);
     EXPECT_EQ(ask(picture, 1000), first);
     EXPECT_EQ(ask(picture, -7, FFDec_Task::ROUND_NEXT), first);
 
     // Nothing to decode at all: broken, and later requests touch nothing.
-    const StreamCtx* empty = video_of("header_only.mp4");
-    ASSERT_NE(empty, nullptr);
     FFDec_Task broken;
-    ASSERT_TRUE(broken.open(empty));
+    ASSERT_TRUE(broken.open(stream_of("header_only.mp4", STREAM_VIDEO)));
     testmedia::LogCapture log;
     EXPECT_EQ(ask(broken, 0), nullptr);
-    EXPECT_NE(log.take().find("\"bad movie: unexpected eof\"\n"), std::string::npos);
+    EXPECT_TRUE(testsupport::contains(log.take(), "\"bad movie: unexpected eof\"\n"));
     EXPECT_TRUE(broken.broken);
-    const uint64_t packets = decode_counters().packets_read.load();
-    c = Counts();
+    c = Counts::now();
     EXPECT_EQ(ask(broken, 10), nullptr);
-    EXPECT_EQ(c.sought(), 0u);
-    EXPECT_EQ(decode_counters().packets_read.load(), packets);
-
+    EXPECT_TRUE(c.since().seeks == 0 && c.since().packets == 0);
     EXPECT_FALSE(FFDec_Task().open(nullptr));
 
     // A raw elementary stream cannot seek: the task starts over from the
     // beginning instead of ending up broken.
-    const StreamCtx* raw = video_of("raw.h264");
+    const StreamCtx* raw = stream_of("raw.h264", STREAM_VIDEO);
     ASSERT_NE(raw, nullptr);
     FFDec_Task unseekable;
     ASSERT_TRUE(unseekable.open(raw));
     EXPECT_NE(ask(unseekable, raw->duration / 2), nullptr);
     EXPECT_FALSE(unseekable.broken);
     EXPECT_NE(ask(unseekable, 0), nullptr);
-}
 
-TEST(FFDecTask, OneFrameCacheAndAFirstFrameFarAfterTheStart) {
     // With a cache limit of 0 the frame on screen between two frames is still
     // the earlier one, though the cache keeps only the later.
-    const StreamCtx* sc = video_of("h264_cfr.mp4");
-    ASSERT_NE(sc, nullptr);
     FFDec_Task small;
     ASSERT_TRUE(small.open(sc));
     small.max_frames = 0;
@@ -180,22 +126,22 @@ TEST(FFDecTask, OneFrameCacheAndAFirstFrameFarAfterTheStart) {
 
     // A stream said to start at 0 whose first frame comes at 10 s: a request
     // just before that frame goes back in growing steps, not second by second.
-    const StreamCtx* ts = video_of("ts_offset.ts");
+    const StreamCtx* ts = stream_of("ts_offset.ts", STREAM_VIDEO);
     ASSERT_NE(ts, nullptr);
     StreamCtx from_zero = *ts;
     from_zero.start_time = 0;
-    FFDec_Task task;
-    ASSERT_TRUE(task.open(&from_zero));
-    Counts c;
-    EXPECT_EQ(index_of(ask(task, ts->start_time - ts->start_time / 100)), 0);
-    EXPECT_TRUE(task.at_begin);
-    EXPECT_LE(c.sought(), 6u);
+    FFDec_Task late;
+    ASSERT_TRUE(late.open(&from_zero));
+    c = Counts::now();
+    EXPECT_EQ(index_of(ask(late, ts->start_time - ts->start_time / 100)), 0);
+    EXPECT_TRUE(late.at_begin);
+    EXPECT_LE(c.since().seeks, 6u);
 }
 
 // Backward requests keep a window of the frames decoded on the way to each
 // target, bounded by the budget: answers stay those of forward requests.
 TEST(FFDecTask, BackwardRequestsKeepAWindowWithinTheirBudget) {
-    const StreamCtx* sc = video_of("long_gop.mp4");  // 300 frames, key frames at 0 and 250
+    const StreamCtx* sc = stream_of("long_gop.mp4", STREAM_VIDEO);  // 300 frames, key frames at 0 and 250
     ASSERT_NE(sc, nullptr);
     const size_t picture = 320 * 240 * 3 / 2;
     struct Case { const char* what; size_t budget; unsigned most_frames; };
@@ -206,13 +152,13 @@ TEST(FFDecTask, BackwardRequestsKeepAWindowWithinTheirBudget) {
         FFDec_Task task;
         ASSERT_TRUE(task.open(sc));
         task.reverse_budget = cases[i].budget;
-        Counts c;
+        const Counts c = Counts::now();
         for (int k = 299; k >= 150; --k) {  // across the key frame at 250
             ASSERT_EQ(index_of(ask(task, k * kFrame)), k);
             std::lock_guard<std::mutex> lock(task.mutex);
             ASSERT_LE(task.frames.size(), cases[i].most_frames);
         }
-        decoded[i] = c.decoded();
+        decoded[i] = c.since().frames;
         // Forward again: the window closes and the cache is short once more.
         EXPECT_EQ(index_of(ask(task, 200 * kFrame)), 200);
         std::lock_guard<std::mutex> lock(task.mutex);

@@ -1,77 +1,55 @@
-// A host's lifecycle around the answers: closes and cached requests that never
-// wait for another decoder's decoding, a close that cuts its own request and
-// its waiting requests short, open/reopen/close cycles that leave no task or
-// thread behind, exceptions that never reach the host, and setters that wait
-// for the request under way. Jobs are held mid-decode by the task's decode
-// hook, so every case is decided by order, not by timing.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
+// A host's lifecycle around the answers: a cancel, a close and cached
+// requests that never wait for another decoder's decoding; a decoder that
+// never opened and creates no pool; a close that cuts its own requests
+// (pictures and audio) and its waiting requests short; open/reopen/close
+// cycles that leave no task or thread behind; exceptions that never reach the
+// host; setters that wait for the request under way. Jobs are held mid-decode
+// by the task's decode hook, so every case is decided by order, not by timing.
 #include <future>
 #include <new>
 #include <stdexcept>
-#include <thread>
 
-#include "decode_counters.h"
-#include "support.h"
-#include "ffdec_task.h"
 #include "ff_tools.h"
+#include "ffdec_task.h"
 #include "ffdecoder2.h"
 #include "process_stats.h"
-#include "scheduler.h"
+#include "support.h"
 
 using namespace ff;
+using testsupport::wait_until;
 
 namespace {
-
-constexpr auto kLimit = std::chrono::seconds(20);  // only against a hang
 
 enum class HoldMode { Off, UntilReleased, UntilCancelled };
 
 // Holds every decoding job at the task's decode hook while switched on.
 struct JobHold {
-    static std::atomic<HoldMode> mode;
-    static std::atomic<int> held;
+    static inline std::atomic<HoldMode> mode{HoldMode::Off};
+    static inline std::atomic<int> held{0};
 
     static void hook(FFDec_Task*, const std::atomic<bool>* cancel) {
-        const auto deadline = std::chrono::steady_clock::now() + kLimit;
         ++held;
-        for (;;) {
+        wait_until([&] {
             const HoldMode m = mode.load();
-            if (m == HoldMode::Off || (m == HoldMode::UntilCancelled && cancel && cancel->load())) break;
-            if (std::chrono::steady_clock::now() > deadline) {
-                std::fprintf(stderr, "a held job was never let go\n");
-                std::abort();
-            }
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
+            return m == HoldMode::Off || (m == HoldMode::UntilCancelled && cancel && cancel->load());
+        }, "a held job was never let go");
         --held;
     }
-
     explicit JobHold(HoldMode m) {
         mode = m;
         g_task_decode_hook = &JobHold::hook;
     }
     ~JobHold() {
         mode = HoldMode::Off;
-        while (held.load() > 0) std::this_thread::yield();
+        wait_until([] { return held.load() == 0; }, "a held job never ended");
         g_task_decode_hook = nullptr;
     }
-    static void wait_held(int n) {
-        const auto deadline = std::chrono::steady_clock::now() + kLimit;
-        while (held.load() < n) {
-            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "job never reached the hook";
-            std::this_thread::yield();
-        }
-    }
+    static void wait_held(int n) { wait_until([n] { return held.load() >= n; }, "job never reached the hook"); }
 };
-std::atomic<HoldMode> JobHold::mode{HoldMode::Off};
-std::atomic<int> JobHold::held{0};
 
-// `work` on another thread; true when it finished within the limit.
+constexpr auto kLimit = std::chrono::seconds(20);  // only against a hang; shorter than the hook's guard
+
+// `work` on another thread; done() is true when it finished within the limit.
 template <typename F>
 auto run_aside(F work) {
     return std::async(std::launch::async, std::move(work));
@@ -91,6 +69,14 @@ RequireVideoFrame at_ms(long long ms, std::atomic<bool>* cancel = nullptr) {
 
 int index_of(const std::shared_ptr<VFrameCtx>& p) { return p ? testmedia::picture_index(*p) : -1; }
 
+// The picture an asynchronous request is answered with; -2 when none comes.
+int async_index(FFDecoder& dec, long long ms) {
+    auto answered = std::make_shared<std::promise<int>>();
+    dec.getVideoFrameAsync(at_ms(ms), [answered](std::shared_ptr<VFrameCtx> p) { answered->set_value(index_of(p)); });
+    auto answer = answered->get_future();
+    return answer.wait_for(kLimit) == std::future_status::ready ? answer.get() : -2;
+}
+
 class Video : public testing::Test {
 protected:
     void SetUp() override {
@@ -103,7 +89,8 @@ protected:
 
 }  // namespace
 
-TEST_F(Video, ClosesAndCachedPicturesNeverWaitForAnotherDecodersJob) {
+// Decoder a's job is held mid-decode; b and c are open on the same stream.
+TEST_F(Video, CancelsClosesAndCachedPicturesNeverWaitForAnotherDecodersJob) {
     FFDecoder a, b, c;
     ASSERT_TRUE(a.open(video.stream) && b.open(video.stream) && c.open(video.stream));
     const size_t before = workers();
@@ -112,26 +99,60 @@ TEST_F(Video, ClosesAndCachedPicturesNeverWaitForAnotherDecodersJob) {
     JobHold hold(HoldMode::UntilReleased);
     auto far = run_aside([&] { return a.getVideoFrame(at_ms(3000)); });
     JobHold::wait_held(1);
+    // b asks for the frame a's job heads to and waits for that job; its
+    // cancel flag ends the wait with no answer while the job still runs.
+    std::atomic<bool> cancel{false};
+    const testsupport::Counts counts = testsupport::Counts::now();
+    auto waiting = run_aside([&] { return b.getVideoFrame(at_ms(3000, &cancel)); });
+    wait_until([&] { return counts.since().waits > 0; }, "request never waited");
+    cancel = true;
+    const bool gave_up = done(waiting);
     auto cached = run_aside([&] { return c.getVideoFrame(at_ms(0)); });
     auto close = run_aside([&] { b.close(); });
-    const bool cached_done = done(cached), close_done = done(close);
+    const bool cached_done = done(cached), close_done = done(close), still_held = JobHold::held.load() == 1;
     JobHold::mode = HoldMode::Off;
-    ASSERT_TRUE(cached_done && close_done);
+    ASSERT_TRUE(gave_up && cached_done && close_done && still_held);
+    EXPECT_EQ(waiting.get(), nullptr);
     EXPECT_EQ(index_of(cached.get()), 0);
     EXPECT_EQ(workers(), before - 1);
     EXPECT_EQ(index_of(far.get()), 75);
 }
 
-TEST_F(Video, CloseCutsItsOwnRequestAndItsWaitingRequestsShort) {
+// A decoder never opened, or whose open failed, asks the registry for no pool.
+TEST_F(Video, ADecoderThatNeverOpenedCreatesNoPool) {
+    StreamCtx unopenable = *video.stream;  // a stream no decoder has opened; its task cannot open
+    unopenable.index = 99;
+    auto registry = [&] {
+        std::lock_guard<std::mutex> lock(g_decoder_mgr.mutex);
+        return std::make_pair(g_decoder_mgr.pools.size(), g_decoder_mgr.pools.count(&unopenable));
+    };
+    const auto before = registry();
+    {
+        auto idle = std::make_unique<FFDecoder>();  // deleted through the pointer
+        FFDecoder failed;
+        EXPECT_FALSE(failed.open(&unopenable));
+        EXPECT_FALSE(failed.reopen());
+        for (FFDecoder* d : {idle.get(), &failed}) {
+            EXPECT_EQ(d->getVideoFrame(at_ms(0)), nullptr);
+            EXPECT_EQ(d->getAudioFrame(testsupport::audio_request({0, 1}, {1, 1}, SF_S16, 48000)), nullptr);
+            d->pri_seek(Rational(1, 1), false);
+            d->close();
+        }
+    }
+    EXPECT_EQ(before.second, 0u);
+    EXPECT_EQ(registry(), before);
+}
+
+TEST_F(Video, CloseCutsItsOwnRequestsAndItsWaitingRequestsShort) {
     FFDecoder a, b;
     ASSERT_TRUE(a.open(video.stream) && b.open(video.stream));
     JobHold hold(HoldMode::UntilCancelled);
     auto own = run_aside([&] { return a.getVideoFrame(at_ms(3000)); });
     JobHold::wait_held(1);
     // b asks for the frame a's job is heading to: it waits for that job.
-    const uint64_t waits = decode_counters().waits.load();
+    const testsupport::Counts counts = testsupport::Counts::now();
     auto waiting = run_aside([&] { return b.getVideoFrame(at_ms(3000)); });
-    while (decode_counters().waits.load() == waits) std::this_thread::yield();
+    wait_until([&] { return counts.since().waits > 0; }, "request never waited");
 
     auto close_b = run_aside([&] { b.close(); });
     ASSERT_TRUE(done(close_b) && done(waiting));
@@ -140,6 +161,16 @@ TEST_F(Video, CloseCutsItsOwnRequestAndItsWaitingRequestsShort) {
     auto close_a = run_aside([&] { a.close(); });
     ASSERT_TRUE(done(close_a) && done(own));
     EXPECT_EQ(own.get(), nullptr);
+
+    // So does an audio request: it answers nothing or the exact samples decoded so far.
+    FFDecoder sound;
+    ASSERT_TRUE(sound.open(testsupport::stream_of("pcm_s16.wav", STREAM_AUDIO)));
+    auto span = run_aside([&] { return sound.getAudioFrame(testsupport::audio_request({1, 1}, {2, 1}, SF_S16, 48000)); });
+    JobHold::wait_held(1);
+    auto close_sound = run_aside([&] { sound.close(); });
+    ASSERT_TRUE(done(close_sound) && done(span));
+    const auto answer = span.get();
+    EXPECT_TRUE(!answer || testsupport::is_ramp(*answer, 48000));
 }
 
 TEST_F(Video, OpenReopenAndCloseCyclesLeaveNoTaskOrThread) {
@@ -153,13 +184,7 @@ TEST_F(Video, OpenReopenAndCloseCyclesLeaveNoTaskOrThread) {
             ASSERT_TRUE(dec->open(video.stream));
             ASSERT_TRUE(dec->open(video.stream));  // open while open
             ASSERT_TRUE(dec->reopen());
-            std::promise<int> answered;
-            dec->getVideoFrameAsync(at_ms(40 * cycle), [&](std::shared_ptr<VFrameCtx> p) {
-                answered.set_value(index_of(p));
-            });
-            auto answer = answered.get_future();
-            ASSERT_EQ(answer.wait_for(kLimit), std::future_status::ready);
-            EXPECT_EQ(answer.get(), cycle);
+            EXPECT_EQ(async_index(*dec, 40 * cycle), cycle);
             ASSERT_EQ(workers(), workers_before + (dec == &d ? 1 : 2));
         }
         kept.close();
@@ -176,10 +201,7 @@ public:
     std::atomic<bool> fail{false};
     std::atomic<int> thrown{0};
     std::shared_ptr<VFrameCtx> pri_getVideoFrame(const RequireVideoFrame& req, int seq) override {
-        if (fail) {
-            ++thrown;
-            throw std::bad_alloc();
-        }
+        if (fail) ++thrown, throw std::bad_alloc();
         return FFDecoder::pri_getVideoFrame(req, seq);
     }
 };
@@ -187,11 +209,7 @@ public:
 }  // namespace
 
 TEST_F(Video, NoExceptionReachesTheHostAndTheWorkerGoesOn) {
-    struct Case {
-        const char* what;
-        bool async, request_throws, callback_throws;
-    };
-    const Case cases[] = {
+    const struct Case { const char* what; bool async, request_throws, callback_throws; } cases[] = {
         {"request throws", false, true, false},
         {"asynchronous request throws", true, true, false},
         {"callback throws", true, false, true},
@@ -213,20 +231,15 @@ TEST_F(Video, NoExceptionReachesTheHostAndTheWorkerGoesOn) {
             if (c.callback_throws) {
                 ASSERT_EQ(thrown.get_future().wait_for(kLimit), std::future_status::ready);
             }
-            while (c.request_throws && dec.thrown.load() == 0) std::this_thread::yield();
+            if (c.request_throws) wait_until([&] { return dec.thrown.load() > 0; }, "request never threw");
         }
         // The next asynchronous request is answered: the worker lives on.
         dec.fail = false;
-        std::promise<int> answered;
-        dec.getVideoFrameAsync(at_ms(800), [&](std::shared_ptr<VFrameCtx> p) { answered.set_value(index_of(p)); });
-        auto answer = answered.get_future();
-        ASSERT_EQ(answer.wait_for(kLimit), std::future_status::ready);
-        EXPECT_EQ(answer.get(), 20);
+        EXPECT_EQ(async_index(dec, 800), 20);
         const std::string text = log.take();
-        EXPECT_NE(text.find(c.callback_throws ? "asynchronous callback: exception caught: host callback failed"
-                                              : "exception caught: std::bad_alloc"),
-                  std::string::npos)
-            << text;
+        const char* logged = c.callback_throws ? "asynchronous callback: exception caught: host callback failed"
+                                               : "exception caught: std::bad_alloc";
+        EXPECT_TRUE(testsupport::contains(text, logged)) << text;
     }
 }
 

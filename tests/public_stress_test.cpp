@@ -6,25 +6,14 @@
 // decoders replaced, and probes of new paths to the same movies. Nothing may
 // deadlock or escape and every delivered picture and span must be exact.
 // CLIPDEC_STRESS_SECONDS sets the length (default 4 s; scripts/stress.sh runs 60).
-#include <gtest/gtest.h>
-
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <memory>
-#include <mutex>
 #include <random>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "support.h"
 #include "ff_tools.h"
 #include "ffdecoder2.h"
-#include "media.h"
+#include "support.h"
 #include "watchdog.h"
 
 using namespace ff;
@@ -33,8 +22,7 @@ namespace {
 
 int stress_seconds() {
     const char* text = std::getenv("CLIPDEC_STRESS_SECONDS");
-    const int s = text ? std::atoi(text) : 0;
-    return s > 0 ? s : 4;
+    return text && std::atoi(text) > 0 ? std::atoi(text) : 4;
 }
 
 struct Source {
@@ -60,48 +48,28 @@ int expected_index(const testsupport::VideoUnderTest& v, const Rational& t) {
     return testsupport::expect_down(v, start + time_to_timestamp(t, v.stream->time_base)).index;
 }
 
-bool span_is_ramp(const AFrameCtx& a, long long first) {
-    const auto* s = reinterpret_cast<const int16_t*>(a.data[0]);
-    for (int i = 0; i < a.nb_samples; ++i)
-        if (s[2 * i] != testmedia::ramp_sample(first + i, 0) || s[2 * i + 1] != testmedia::ramp_sample(first + i, 1))
-            return false;
-    return true;
-}
-
 void ask_picture(FFDecoder& dec, const Source& src, std::mt19937& rng, bool async, Tally& tally) {
     RequireVideoFrame req;
     req.time = Rational(static_cast<long long>(rng() % src.length_ms), 1000);
     req.format = rng() % 2 ? PF_RGBA : PF_YUV420P;
     const int expected = expected_index(src.video, req.time);
-    auto check = [&tally, expected](const std::shared_ptr<VFrameCtx>& p) {
-        if (testmedia::picture_index(*p) != expected) ++tally.wrong;
-    };
     if (!async) {
-        if (const auto p = dec.getVideoFrame(req)) {
-            ++tally.pictures;
-            check(p);
-        }
+        const auto p = dec.getVideoFrame(req);
+        if (p) tally.wrong += testmedia::picture_index(*p) != expected, ++tally.pictures;
         return;
     }
     const bool throws = rng() % 8 == 0;  // the library catches it and the worker goes on
-    dec.getVideoFrameAsync(req, [&tally, check, throws](std::shared_ptr<VFrameCtx> p) {
-        ++tally.async_answers;
-        check(p);
-        if (!throws) return;
-        ++tally.thrown;
-        throw std::runtime_error("host callback failed");
+    dec.getVideoFrameAsync(req, [&tally, expected, throws](std::shared_ptr<VFrameCtx> p) {
+        tally.wrong += testmedia::picture_index(*p) != expected, ++tally.async_answers;
+        if (throws) ++tally.thrown, throw std::runtime_error("host callback failed");
     });
 }
 
 void ask_span(FFDecoder& dec, std::mt19937& rng, Tally& tally) {
     const long long first = rng() % (3 * 48000);
-    RequireAudioFrame req;
-    req.format = SF_S16;
-    req.range = Range(Rational(first, 48000), Rational(first + 960 + rng() % 4000, 48000));
-    if (const auto a = dec.getAudioFrame(req)) {
-        ++tally.spans;
-        if (!span_is_ramp(*a, first)) ++tally.wrong_spans;
-    }
+    const long long end = first + 960 + rng() % 4000;
+    const auto a = dec.getAudioFrame(testsupport::audio_request({first, 48000}, {end, 48000}, SF_S16, 48000));
+    if (a) tally.wrong_spans += !testsupport::is_ramp(*a, first), ++tally.spans;
 }
 
 // A new path to the same movie: a fresh probe, a decoder on it, one answer.
@@ -111,10 +79,8 @@ void probe_new_path(const Source& src, int serial, Tally& tally) {
                              std::to_string(serial) + (src.audio ? ".wav" : ".mp4");
     unlink(link.c_str());
     if (::link(original.c_str(), link.c_str()) != 0) return;
-    if (const MovieCtx* mv = getMovieInfo(link.c_str(), nullptr)) {
-        ++tally.probes;
-        if (mv->nb_streams < 1) ++tally.wrong;
-    }
+    const MovieCtx* mv = getMovieInfo(link.c_str(), nullptr);
+    if (mv) tally.wrong += mv->nb_streams < 1, ++tally.probes;
     unlink(link.c_str());
 }
 
