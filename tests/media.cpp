@@ -38,6 +38,15 @@ bool has_luma_plane(int format) {
     return false;
 }
 
+// Ends the capture; a failure gtest printed while it ran would be lost with
+// the captured text, so a failed test gets the text echoed.
+std::string end_capture() {
+    fflush(stdout);
+    std::string text = testing::internal::GetCapturedStdout();
+    if (testing::Test::HasFailure()) fputs(text.c_str(), stdout);
+    return text;
+}
+
 }  // namespace
 
 int frame_index(const AVFrame* frame, bool turned) {
@@ -131,11 +140,12 @@ LogCapture::LogCapture() : active(true) {
     testing::internal::CaptureStdout();
 }
 
-LogCapture::~LogCapture() { if (active) testing::internal::GetCapturedStdout(); }
+LogCapture::~LogCapture() {
+    if (active) end_capture();
+}
 
 std::string LogCapture::take() {
-    fflush(stdout);
-    std::string text = testing::internal::GetCapturedStdout();
+    std::string text = end_capture();
     testing::internal::CaptureStdout();
     return text;
 }
