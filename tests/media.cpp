@@ -72,18 +72,13 @@ int picture_index(const ff::VFrameCtx& picture) {
 }
 
 std::string picture_digest(const AVFrame* frame) {
-    AVMD5* md5 = av_md5_alloc();
-    av_md5_init(md5);
-    const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame->format));
-    int line_bytes[4] = {};
-    av_image_fill_linesizes(line_bytes, static_cast<AVPixelFormat>(frame->format), frame->width);
-    for (int p = 0; p < 4 && frame->data[p]; ++p) {
-        const int rows = (p == 1 || p == 2) && desc ? AV_CEIL_RSHIFT(frame->height, desc->log2_chroma_h) : frame->height;
-        for (int y = 0; y < rows; ++y) av_md5_update(md5, frame->data[p] + static_cast<size_t>(y) * frame->linesize[p], line_bytes[p]);
-    }
+    const auto format = static_cast<AVPixelFormat>(frame->format);
+    const int size = av_image_get_buffer_size(format, frame->width, frame->height, 1);
+    if (size < 0) return "";
+    std::vector<uint8_t> pixels(size);  // the visible bytes of every plane, without padding
+    av_image_copy_to_buffer(pixels.data(), size, frame->data, frame->linesize, format, frame->width, frame->height, 1);
     uint8_t sum[16];
-    av_md5_final(md5, sum);
-    av_free(md5);
+    av_md5_sum(sum, pixels.data(), size);
     char hex[33];
     for (int i = 0; i < 16; ++i) snprintf(hex + 2 * i, 3, "%02x", sum[i]);
     return hex;
