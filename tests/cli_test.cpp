@@ -197,7 +197,6 @@ TEST(Cli, EveryCommandAndExitCode) {
         {{"waveform", wav, "-o", d + "/w.png", "--json", "--size", "600x200"}, kOk,
          {overview, picture(d + "/w.png", 600 + 108, 200 + 40)}},
         {{"filmstrip", m("long_gop.mp4"), "-n", "5", "-o", d + "/s.png", "--json", "--fast"}, kOk, {records, strip}},
-        {{"filmstrip", m("long_gop.mp4"), "-n", "5", "-o", d + "/s.png", "--json"}, kOk, {records, strip}},
         // 1 s of a 25 fps stream with 48 kHz audio; a figure of 0 would mean a side did nothing.
         {{"bench", good, "--seconds", "1", "--json"}, kOk,
          {prints({"\"sequential\":{\"frames\":25,", "\"requests\":50,", "\"samples\":48000,",
