@@ -202,10 +202,16 @@ TEST(Cli, EveryCommandAndExitCode) {
          {prints({"\"sequential\":{\"frames\":25,", "\"requests\":50,", "\"samples\":48000,",
                   "\"shared_stream\":{\"frames\":25,"}),
           [](const Result& r) { EXPECT_TRUE(!contains(r.out, ":0,") && !contains(r.out, "null")) << r.out; }}},
-        // One row per command and failure class beyond these: the argument rules
-        // themselves live in tools/, their reaction in src/ is what the rows reach.
+        // Each argument rule of the tool has its row: a rule dropped or loosened
+        // shows up as a wrong exit code.
         {{}, kUsage, {}}, {{"dance"}, kUsage, {}}, {{"probe"}, kUsage, {}},
+        {{"thumb", good, "-o", png, "--at", "soon"}, kUsage, {}},
         {{"thumb", good, "-o", png, "--at", "1", "--ratio", "0.5"}, kUsage, {}},
+        {{"thumb", good, "-o", png, "--size", "big"}, kUsage, {}}, {{"thumb", good, "-o"}, kUsage, {}},
+        {{"thumb", good}, kUsage, {}}, {{"frames", good, "-o", d + "/f", "--speed", "9"}, kUsage, {}},
+        {{"frames", good, "-o", d + "/f", "--fps", "0"}, kUsage, {}},
+        {{"audio", good, "-o", out_wav, "--format", "s24"}, kUsage, {}},
+        {{"audio", good, "-o", out_wav, "--channels", "0"}, kUsage, {}}, {{"waveform", good}, kUsage, {}},
         {{"frames", good, "-o", d + "/f", "--from", "3", "--to", "1"}, kUsage, {}},
         {{"audio", good, "-o", out_wav, "--range", "1:30:2:00"}, kUsage, {}},  // splits two ways
         {{"audio", good, "-o", out_wav, "--filter", "no_such_filter"}, kUsage, {}},
@@ -213,6 +219,8 @@ TEST(Cli, EveryCommandAndExitCode) {
         {{"waveform", good, "--json", "--bucket", "never"}, kUsage, {}},
         {{"filmstrip", good, "--json", "-n", "0"}, kUsage, {}}, {{"waveform", m("still.png"), "--json"}, kInput, {}},
         {{"filmstrip", m("aac.m4a"), "--json"}, kInput, {}}, {{"thumb", m("empty.mp4"), "-o", png}, kInput, {}},
+        {{"thumb", m("missing.mp4"), "-o", png}, kInput, {}}, {{"thumb", m("aac.m4a"), "-o", png}, kInput, {}},
+        {{"thumb", good, "-o", "/nonexistent/dir/o.png"}, kOutput, {}},
         {{"frames", m("aac.m4a"), "-o", d + "/f"}, kInput, {}}, {{"audio", m("still.png"), "-o", out_wav}, kInput, {}},
         {{"mix", "-o", out_wav, good, m("truncated_missing.mp4")}, kInput, {}},
         {{"filmstrip", good, "-o", "/nonexistent/dir/o.png"}, kOutput, {}}, {{"thumb", good, "-o", d}, kOutput, {}},
