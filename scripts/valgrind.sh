@@ -12,7 +12,7 @@ scripts/build.sh build >/dev/null
 shim=build/valgrind-hwy-shim.so
 printf 'HWY_0 { global: *; };\n' > build/valgrind-hwy-shim.map
 g++ -O2 -shared -fPIC tests/valgrind/hwy_timer_shim.cpp -Wl,--version-script=build/valgrind-hwy-shim.map -o "$shim"
-filter=${1:-'HostileInput*:*/HostileInput.*:FuzzRegression.*'}
+filter=${1:-'HostileInput*:*/HostileInput.*'}
 LD_PRELOAD=$PWD/$shim valgrind --tool=memcheck --leak-check=full --errors-for-leak-kinds=definite --error-exitcode=99 \
   --num-callers=30 --log-file=build/valgrind.log \
   build/tests/clipdec_tests --gtest_filter="$filter" 2> >(grep -v -e '^"' -e '^$' >&2) | grep -E '^\[( *OK|  FAILED|  PASSED|==========)'
