@@ -13,11 +13,8 @@ using testsupport::Gate;
 
 namespace {
 
-RequireVideoFrame at_ms(long long ms) {
-    RequireVideoFrame req;
-    req.time = Rational(ms, 1000);
-    req.format = PF_YUV420P;
-    return req;
+RequireVideoFrame at_ms(long long ms, std::atomic<bool>* cancel = nullptr) {
+    return {Rational(ms, 1000), PF_YUV420P, 1, cancel};
 }
 
 // Queues a request whose callback keeps the decoder's worker until `release`
@@ -66,9 +63,7 @@ TEST_F(DecoderAsync, CancelledAndClosedRequestsNeverCallBackAndReopenAnswersAgai
     Gate release;
     occupy(dec, release, [&](int) { ++calls; });
     std::atomic<bool> cancel{true};
-    RequireVideoFrame cancelled = at_ms(200);
-    cancelled.cancel = &cancel;
-    dec.getVideoFrameAsync(cancelled, [&](std::shared_ptr<VFrameCtx>) { calls += 100; });
+    dec.getVideoFrameAsync(at_ms(200, &cancel), [&](std::shared_ptr<VFrameCtx>) { calls += 100; });
     release.open();
     dec.close();  // the cancelled one is taken or dropped: either way no call
     EXPECT_EQ(calls.load(), 1);

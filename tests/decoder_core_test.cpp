@@ -5,10 +5,6 @@
 // over many decoders are the public stress test's.
 #include <random>
 
-extern "C" {
-#include <libavutil/imgutils.h>
-}
-
 #include "ffdec_instance.h"
 #include "ff_ptr.h"
 #include "ffdecoder_private.h"
@@ -109,25 +105,6 @@ TEST(DecoderCore, PicturesAreScaledIntoPooledMemory) {
         EXPECT_EQ(p->data[1] != nullptr, format == PF_NV12);
     }
 
-    // Sizes for big streams: width to a multiple of 16, height even.
-    StreamCtx big;
-    big.type = STREAM_VIDEO;
-    big.time_base = Rational(1, 25);
-    const struct { int w, h, divider, want_w, want_h; } sizes[] = {{1920, 1080, 4, 480, 270}, {1280, 720, 3, 432, 240}};
-    for (auto [w, h, divider, want_w, want_h] : sizes) {
-        UniqueAVFrame source = make_frame();
-        big.width = source->width = w;
-        big.height = source->height = h;
-        source->format = AV_PIX_FMT_YUV420P;
-        ASSERT_GE(av_frame_get_buffer(source.get(), 32), 0);
-        FFDecoderPrivate conv;  // convert only: never opened
-        conv.stream = &big;
-        req.format = PF_YUV420P;
-        req.divider = divider;
-        const auto p = conv.convert_to_dst_frame(source.get(), req);
-        ASSERT_NE(p, nullptr);
-        EXPECT_TRUE(p->width == want_w && p->height == want_h) << p->width << "x" << p->height;
-    }
     // No scaler for the format pair: nothing.
     req.format = PF_NONE;
     EXPECT_EQ(d.convert_to_dst_frame(frame.get(), req), nullptr);

@@ -85,16 +85,6 @@ TEST(FFDecTask, CancelStillPicturesAndBrokenStreams) {
     EXPECT_EQ(ask(task, 50 * kFrame, FFDec_Task::ROUND_DOWN, &cancel), nullptr);
     EXPECT_EQ(c.since().frames, 0u);
 
-    // A single picture answers every time, however asked.
-    const StreamCtx* still = stream_of("still.png", STREAM_VIDEO);
-    ASSERT_TRUE(still && still->still_image);
-    FFDec_Task picture;
-    ASSERT_TRUE(picture.open(still));
-    const auto first = ask(picture, 0);
-    EXPECT_EQ(index_of(first), 5);
-    EXPECT_EQ(ask(picture, 1000), first);
-    EXPECT_EQ(ask(picture, -7, FFDec_Task::ROUND_NEXT), first);
-
     // Nothing to decode at all: broken, and later requests touch nothing.
     FFDec_Task broken;
     ASSERT_TRUE(broken.open(stream_of("header_only.mp4", STREAM_VIDEO)));
@@ -106,16 +96,6 @@ TEST(FFDecTask, CancelStillPicturesAndBrokenStreams) {
     EXPECT_EQ(ask(broken, 10), nullptr);
     EXPECT_TRUE(c.since().seeks == 0 && c.since().packets == 0);
     EXPECT_FALSE(FFDec_Task().open(nullptr));
-
-    // A raw elementary stream cannot seek: the task starts over from the
-    // beginning instead of ending up broken.
-    const StreamCtx* raw = stream_of("raw.h264", STREAM_VIDEO);
-    ASSERT_NE(raw, nullptr);
-    FFDec_Task unseekable;
-    ASSERT_TRUE(unseekable.open(raw));
-    EXPECT_NE(ask(unseekable, raw->duration / 2), nullptr);
-    EXPECT_FALSE(unseekable.broken);
-    EXPECT_NE(ask(unseekable, 0), nullptr);
 
     // With a cache limit of 0 the frame on screen between two frames is still
     // the earlier one, though the cache keeps only the later.

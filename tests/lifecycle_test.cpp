@@ -60,11 +60,7 @@ bool done(std::future<T>& f) {
 }
 
 RequireVideoFrame at_ms(long long ms, std::atomic<bool>* cancel = nullptr) {
-    RequireVideoFrame req;
-    req.time = Rational(ms, 1000);
-    req.format = PF_YUV420P;
-    req.cancel = cancel;
-    return req;
+    return {Rational(ms, 1000), PF_YUV420P, 1, cancel};
 }
 
 int index_of(const std::shared_ptr<VFrameCtx>& p) { return p ? testmedia::picture_index(*p) : -1; }
