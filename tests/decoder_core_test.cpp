@@ -88,8 +88,9 @@ TEST(DecoderCore, PicturesAreScaledIntoPooledMemory) {
     const auto frame = d.get_frame(v.reference[50].pts, nullptr);
     ASSERT_NE(frame, nullptr);
     RequireVideoFrame req;
+    // A divided width is rounded up to a multiple of 16, the height to even.
     const struct { PixelFormat format; int divider, width, height; } conversions[] = {
-        {PF_RGBA, 0, 320, 240}, {PF_RGBA, 1, 320, 240}, {PF_NV12, 2, 160, 120}};
+        {PF_RGBA, 0, 320, 240}, {PF_RGBA, 1, 320, 240}, {PF_NV12, 2, 160, 120}, {PF_RGBA, 3, 112, 80}};
     for (auto [format, divider, width, height] : conversions) {
         SCOPED_TRACE(divider);
         req.format = format;

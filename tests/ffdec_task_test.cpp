@@ -85,6 +85,14 @@ TEST(FFDecTask, CancelStillPicturesAndBrokenStreams) {
     EXPECT_EQ(ask(task, 50 * kFrame, FFDec_Task::ROUND_DOWN, &cancel), nullptr);
     EXPECT_EQ(c.since().frames, 0u);
 
+    // A single picture answers every time, however asked, without decoding again.
+    FFDec_Task picture;
+    ASSERT_TRUE(picture.open(stream_of("still.png", STREAM_VIDEO)));
+    const auto first = ask(picture, 0);
+    EXPECT_EQ(index_of(first), 5);
+    EXPECT_EQ(ask(picture, 1000), first);
+    EXPECT_EQ(ask(picture, -7, FFDec_Task::ROUND_NEXT), first);
+
     // Nothing to decode at all: broken, and later requests touch nothing.
     FFDec_Task broken;
     ASSERT_TRUE(broken.open(stream_of("header_only.mp4", STREAM_VIDEO)));
