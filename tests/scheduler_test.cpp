@@ -192,6 +192,7 @@ TEST(SchedulerChoice, PicksWorkerInPreferenceOrder) {
         EXPECT_EQ(pts(f), target_of(100, c.next));
         EXPECT_TRUE(!cached || f == cached);  // a hit answers the cached object itself, without a job
         EXPECT_EQ(c0.since().jobs, log.size());
+        EXPECT_EQ(c0.since().hits, cached ? 1u : 0u);
         EXPECT_EQ(log.size(), cached ? 0u : 1u);
         for (const JobRecord& r : log) EXPECT_TRUE(r.worker == want->id && r.owner == 1);
     }
