@@ -180,7 +180,8 @@ TEST_F(Video, CloseCutsItsOwnRequestsAndItsWaitingRequestsShort) {
     // So does an audio request: it answers nothing or the exact samples decoded so far.
     FFDecoder sound;
     ASSERT_TRUE(sound.open(testsupport::stream_of("pcm_s16.wav", STREAM_AUDIO)));
-    auto span = run_aside([&] { return sound.getAudioFrame(testsupport::audio_request({1, 1}, {2, 1}, SF_S16, 48000)); });
+    const RequireAudioFrame second = testsupport::audio_request({1, 1}, {2, 1}, SF_S16, 48000);
+    auto span = run_aside([&] { return sound.getAudioFrame(second); });
     JobHold::wait_held(1);
     auto close_sound = run_aside([&] { sound.close(); });
     ASSERT_TRUE(done(close_sound) && done(span));
