@@ -3,10 +3,16 @@
 // never opened and creates no pool; a close that cuts its own requests
 // (pictures and audio) and its waiting requests short; open/reopen/close
 // cycles that leave no task or thread behind; exceptions that never reach the
-// host; setters that wait for the request under way. Jobs are held mid-decode
-// by the task's decode hook, so every case is decided by order, not by timing.
+// host; setters that wait for the request under way. Asynchronous requests:
+// newest-wins queuing, cancellation, close while requests wait, reopen and
+// positioning, one worker per decoder, and a callback that closes its own
+// decoder (many threads over many decoders are the public stress test's).
+// Jobs are held mid-decode by the task's decode hook, or callbacks by gates,
+// so every case is decided by order, not by timing.
+#include <functional>
 #include <future>
 #include <new>
+#include <set>
 #include <stdexcept>
 
 #include "ff_tools.h"
@@ -16,6 +22,7 @@
 #include "support.h"
 
 using namespace ff;
+using testsupport::Gate;
 using testsupport::wait_until;
 
 namespace {
@@ -60,11 +67,7 @@ bool done(std::future<T>& f) {
 }
 
 RequireVideoFrame at_ms(long long ms, std::atomic<bool>* cancel = nullptr) {
-    RequireVideoFrame req;
-    req.time = Rational(ms, 1000);
-    req.format = PF_YUV420P;
-    req.cancel = cancel;
-    return req;
+    return {Rational(ms, 1000), PF_YUV420P, 1, cancel};
 }
 
 int index_of(const std::shared_ptr<VFrameCtx>& p) { return p ? testmedia::picture_index(*p) : -1; }
@@ -77,6 +80,18 @@ int async_index(FFDecoder& dec, long long ms) {
     return answer.wait_for(kLimit) == std::future_status::ready ? answer.get() : -2;
 }
 
+// Queues a request whose callback keeps the decoder's worker until `release`
+// opens, then hands the picture index on: requests queued meanwhile wait.
+void occupy(FFDecoder& dec, Gate& release, const std::function<void(int)>& then = [](int) {}) {
+    Gate running;  // the callback touches it no more once a waiter is through
+    dec.getVideoFrameAsync(at_ms(0), [&running, &release, then](std::shared_ptr<VFrameCtx> p) {
+        running.open();
+        release.wait();
+        then(testmedia::picture_index(*p));
+    });
+    ASSERT_TRUE(running.wait());
+}
+
 class Video : public testing::Test {
 protected:
     void SetUp() override {
@@ -85,6 +100,7 @@ protected:
     }
     size_t workers() { return g_decoder_mgr.pool_of(video.stream)->worker_count(); }
     testsupport::VideoUnderTest video;
+    FFDecoder dec;  // for the asynchronous cases; closed before the gates they use go
 };
 
 }  // namespace
@@ -128,11 +144,10 @@ TEST_F(Video, ADecoderThatNeverOpenedCreatesNoPool) {
     };
     const auto before = registry();
     {
-        auto idle = std::make_unique<FFDecoder>();  // deleted through the pointer
         FFDecoder failed;
         EXPECT_FALSE(failed.open(&unopenable));
         EXPECT_FALSE(failed.reopen());
-        for (FFDecoder* d : {idle.get(), &failed}) {
+        for (FFDecoder* d : {&dec, &failed}) {  // the fixture's is never opened here
             EXPECT_EQ(d->getVideoFrame(at_ms(0)), nullptr);
             EXPECT_EQ(d->getAudioFrame(testsupport::audio_request({0, 1}, {1, 1}, SF_S16, 48000)), nullptr);
             d->pri_seek(Rational(1, 1), false);
@@ -165,7 +180,8 @@ TEST_F(Video, CloseCutsItsOwnRequestsAndItsWaitingRequestsShort) {
     // So does an audio request: it answers nothing or the exact samples decoded so far.
     FFDecoder sound;
     ASSERT_TRUE(sound.open(testsupport::stream_of("pcm_s16.wav", STREAM_AUDIO)));
-    auto span = run_aside([&] { return sound.getAudioFrame(testsupport::audio_request({1, 1}, {2, 1}, SF_S16, 48000)); });
+    const RequireAudioFrame second = testsupport::audio_request({1, 1}, {2, 1}, SF_S16, 48000);
+    auto span = run_aside([&] { return sound.getAudioFrame(second); });
     JobHold::wait_held(1);
     auto close_sound = run_aside([&] { sound.close(); });
     ASSERT_TRUE(done(close_sound) && done(span));
@@ -216,26 +232,26 @@ TEST_F(Video, NoExceptionReachesTheHostAndTheWorkerGoesOn) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        ThrowingDecoder dec;
-        ASSERT_TRUE(dec.open(video.stream));
-        dec.fail = c.request_throws;
+        ThrowingDecoder throwing;
+        ASSERT_TRUE(throwing.open(video.stream));
+        throwing.fail = c.request_throws;
         testmedia::LogCapture log;
         if (!c.async) {
-            EXPECT_EQ(dec.getVideoFrame(at_ms(400)), nullptr);
+            EXPECT_EQ(throwing.getVideoFrame(at_ms(400)), nullptr);
         } else {
             std::promise<void> thrown;
-            dec.getVideoFrameAsync(at_ms(400), [&](std::shared_ptr<VFrameCtx>) {
+            throwing.getVideoFrameAsync(at_ms(400), [&](std::shared_ptr<VFrameCtx>) {
                 thrown.set_value();
                 throw std::runtime_error("host callback failed");
             });
             if (c.callback_throws) {
                 ASSERT_EQ(thrown.get_future().wait_for(kLimit), std::future_status::ready);
             }
-            if (c.request_throws) wait_until([&] { return dec.thrown.load() > 0; }, "request never threw");
+            if (c.request_throws) wait_until([&] { return throwing.thrown.load() > 0; }, "request never threw");
         }
         // The next asynchronous request is answered: the worker lives on.
-        dec.fail = false;
-        EXPECT_EQ(async_index(dec, 800), 20);
+        throwing.fail = false;
+        EXPECT_EQ(async_index(throwing, 800), 20);
         const std::string text = log.take();
         const char* logged = c.callback_throws ? "asynchronous callback: exception caught: host callback failed"
                                                : "exception caught: std::bad_alloc";
@@ -244,15 +260,103 @@ TEST_F(Video, NoExceptionReachesTheHostAndTheWorkerGoesOn) {
 }
 
 TEST_F(Video, SettersWaitForTheRequestUnderWay) {
-    FFDecoder2 dec;
-    ASSERT_TRUE(dec.open(video.stream));
+    FFDecoder2 filtered;
+    ASSERT_TRUE(filtered.open(video.stream));
     JobHold hold(HoldMode::UntilReleased);
-    auto request = run_aside([&] { return dec.getVideoFrame(at_ms(1000)); });
+    auto request = run_aside([&] { return filtered.getVideoFrame(at_ms(1000)); });
     JobHold::wait_held(1);
-    auto setter = run_aside([&] { return dec.setFilters("hflip"); });
+    auto setter = run_aside([&] { return filtered.setFilters("hflip"); });
     JobHold::mode = HoldMode::Off;
     ASSERT_TRUE(done(request) && done(setter));
     EXPECT_EQ(index_of(request.get()), 25);  // built and converted without the new filter
     EXPECT_TRUE(setter.get());
-    EXPECT_NE(index_of(dec.getVideoFrame(at_ms(1000))), 25);  // mirrored from now on
+    EXPECT_NE(index_of(filtered.getVideoFrame(at_ms(1000))), 25);  // mirrored from now on
+}
+
+TEST_F(Video, AsyncNewestRequestReplacesTheWaitingOnes) {
+    ASSERT_TRUE(dec.open(video.stream));
+    Gate release, last_done;
+    std::mutex mutex;
+    std::vector<int> delivered;
+    auto record = [&](int index) {
+        std::lock_guard<std::mutex> lock(mutex);
+        delivered.push_back(index);
+    };
+    occupy(dec, release, record);
+    for (int i = 1; i <= 9; ++i) {
+        dec.getVideoFrameAsync(at_ms(i * 400), [&, i](std::shared_ptr<VFrameCtx> p) {
+            record(testmedia::picture_index(*p));
+            if (i == 9) last_done.open();
+        });
+    }
+    release.open();
+    ASSERT_TRUE(last_done.wait());
+    dec.close();  // joins the worker: nothing else can arrive
+    EXPECT_EQ(delivered, (std::vector<int>{0, 90}));
+}
+
+TEST_F(Video, AsyncCancelledAndClosedRequestsNeverCallBackAndReopenAnswersAgain) {
+    ASSERT_TRUE(dec.open(video.stream));
+    std::atomic<int> calls{0};
+    Gate release;
+    occupy(dec, release, [&](int) { ++calls; });
+    std::atomic<bool> cancel{true};
+    dec.getVideoFrameAsync(at_ms(200, &cancel), [&](std::shared_ptr<VFrameCtx>) { calls += 100; });
+    release.open();
+    dec.close();  // the cancelled one is taken or dropped: either way no call
+    EXPECT_EQ(calls.load(), 1);
+
+    // Queued, then closed before it can run: no call, and the worker is gone.
+    ASSERT_TRUE(dec.reopen());
+    Gate go;
+    occupy(dec, go);
+    dec.getVideoFrameAsync(at_ms(400), [&](std::shared_ptr<VFrameCtx>) { calls += 1000; });
+    std::thread closer([&] { dec.close(); });
+    wait_until([&] { return !dec.isOpened(); }, "close never began");  // it now joins the worker
+    go.open();
+    closer.join();
+    EXPECT_EQ(calls.load(), 1);
+
+    // After reopen a new worker answers, also for positioning's empty callback.
+    ASSERT_TRUE(dec.reopen());
+    dec.pri_seek({1, 1}, true);
+    Gate answered;
+    dec.getVideoFrameAsync(at_ms(2000), [&](std::shared_ptr<VFrameCtx> p) {
+        if (testmedia::picture_index(*p) == 50) answered.open();
+    });
+    EXPECT_TRUE(answered.wait());
+    dec.close();  // the worker ends before the gates go
+}
+
+TEST_F(Video, AsyncFirstRequestsRacingCreateOneWorkerAndCallbacksMayClose) {
+    ASSERT_TRUE(dec.open(video.stream));
+    std::mutex mutex;
+    std::set<std::thread::id> workers;
+    std::vector<std::thread> threads;
+    testsupport::Barrier start(8);
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            start.arrive_and_wait();
+            dec.getVideoFrameAsync(at_ms(100 * t), [&](std::shared_ptr<VFrameCtx>) {
+                std::lock_guard<std::mutex> lock(mutex);
+                workers.insert(std::this_thread::get_id());
+            });
+        });
+    }
+    for (auto& th : threads) th.join();
+    // Every request but the newest may be discarded; the newest is answered.
+    // (Closing right away could make it stale before the worker takes it.)
+    wait_until([&] { std::lock_guard<std::mutex> lock(mutex); return !workers.empty(); },
+                            "the newest request was never answered");
+    dec.close();
+    EXPECT_EQ(workers.size(), 1u);
+
+    // A callback that closes its own decoder neither deadlocks nor crashes.
+    ASSERT_TRUE(dec.reopen());
+    Gate closed;
+    dec.getVideoFrameAsync(at_ms(500), [&](std::shared_ptr<VFrameCtx>) {
+        dec.close();
+        closed.open();
+    });
+    EXPECT_TRUE(closed.wait());
 }

@@ -32,6 +32,7 @@ Frame make_frame(long long pts) {
 }
 
 long long target_of(long long ts, bool next) { return next ? ts + 1 : ts; }
+constexpr long long kThrowing = 700;  // a job for this ts throws, as one out of memory would
 
 struct JobRecord { int worker; long long ts; bool next, locked; int owner; const std::atomic<bool>* cancel; };
 
@@ -66,7 +67,6 @@ public:
     std::map<long long, Frame> held;
     long long arrive_hi = -1;  // will_contain(ts) for ts <= arrive_hi
     long long barren = -1;  // a job for this ts ends without a frame
-    bool throw_in_job = false;
     bool broken = false;
     Gate* before_append = nullptr;
     Gate* after_append = nullptr;
@@ -83,7 +83,7 @@ public:
     Frame do_job(long long ts, bool locked, std::atomic<bool>* cancel, bool next) override {
         if (!locked) mutex.lock();
         std::unique_lock<std::mutex> lock(mutex, std::adopt_lock);
-        if (throw_in_job) throw std::bad_alloc();  // `lock` still gives the mutex back
+        if (ts == kThrowing) throw std::bad_alloc();  // `lock` still gives the mutex back
         if (in_job.exchange(true)) return ++tracker.misused, nullptr;  // keep out of the first job's cache
         tracker.locked([&] { tracker.jobs.push_back({id, ts, next, locked, owner, cancel}); });
         auto pause = [&](Gate* gate) {  // a real task gives its mutex up while it decodes, and says so
@@ -192,6 +192,7 @@ TEST(SchedulerChoice, PicksWorkerInPreferenceOrder) {
         EXPECT_EQ(pts(f), target_of(100, c.next));
         EXPECT_TRUE(!cached || f == cached);  // a hit answers the cached object itself, without a job
         EXPECT_EQ(c0.since().jobs, log.size());
+        EXPECT_EQ(c0.since().hits, cached ? 1u : 0u);
         EXPECT_EQ(log.size(), cached ? 0u : 1u);
         for (const JobRecord& r : log) EXPECT_TRUE(r.worker == want->id && r.owner == 1);
     }
@@ -213,12 +214,8 @@ TEST(SchedulerChoice, EmptyPoolJobContractAndFailingJob) {
     EXPECT_EQ(p.get(100, 4, true), f);  // now from its cache
 
     // A job that throws answers nothing and leaves the worker idle.
-    with_lock(w, [](FakeWorker& x) { x.throw_in_job = true; });
-    EXPECT_EQ(p.get(700, 1), nullptr);
-    with_lock(w, [](FakeWorker& x) {
-        EXPECT_FALSE(x.busy);
-        x.throw_in_job = false;
-    });
+    EXPECT_EQ(p.get(kThrowing, 1), nullptr);
+    with_lock(w, [](FakeWorker& x) { EXPECT_FALSE(x.busy); });
     EXPECT_EQ(pts(p.get(800, 1)), 800);
     EXPECT_EQ(p.t.job_log().size(), 2u);
 }
@@ -295,34 +292,39 @@ TEST(SchedulerWait, ARequestWaitsForTheWorkerChosenForItsFrame) {
 }
 
 TEST(SchedulerRemoval, RemovesOnlyTheLeastRecentlyUsedIdleWorker) {
-    {  // Running and awaited, waited on, or reserved by a walk: never a victim.
-        Gate gate;
+    {  // Running, awaited, reserved by a walk, or with a request inside (its
+       // mutex held, so removal must not wait for it): never a victim. A broken
+       // worker goes before the least recently used one.
         Pool p;
-        FakeWorker* busy = p.add([&](FakeWorker& x) { x.arrive_hi = 200, x.before_append = &gate; });
-        Async a(p.sched, 100, 1);
-        p.t.wait_jobs(1);
+        FakeWorker* busy = p.add([](FakeWorker& x) { x.last_used = 1, x.busy = true; });
         FakeWorker* awaited = p.add([](FakeWorker& x) { x.last_used = 10, x.waiters = 1; });
         FakeWorker* reserved = p.add([](FakeWorker& x) { x.last_used = 20, x.reserved_by = ~uint64_t{0}; });
-        FakeWorker* w500 = p.add([](FakeWorker& x) { x.hold(5000), x.last_used = 500; });
-        FakeWorker* w400 = p.add([](FakeWorker& x) { x.hold(4000), x.last_used = 400; });
-        const std::vector<int> ids{w400->id, w500->id, awaited->id, reserved->id, busy->id};
-        with_lock(busy, [](FakeWorker& x) { x.last_used = 1; });
-        Async b(p.sched, 100, 2);
-        wait_until([&] { return waiters_of(busy) > 0; }, "request never waited");
+        FakeWorker* inside = p.add([](FakeWorker& x) { x.last_used = 30; });
+        const int lru = p.add([](FakeWorker& x) { x.last_used = 400; })->id;
+        const int recent = p.add([](FakeWorker& x) { x.last_used = 500; })->id;
+        const int broken = p.add([](FakeWorker& x) { x.broken = true, x.last_used = 900; })->id;
+        Gate entered, leave;
+        std::thread holder([&] {
+            std::lock_guard<std::mutex> lock(inside->mutex);
+            entered.open();
+            leave.wait();
+        });
+        entered.wait();
         p.sched.remove_worker(busy, true);  // only that one, and it is in use
         EXPECT_TRUE(p.t.gone_ids().empty());
-        p.sched.remove_worker(nullptr, true);
-        p.sched.remove_worker(nullptr, true);
-        EXPECT_EQ(p.t.gone_ids(), std::vector<int>(ids.begin(), ids.begin() + 2));
-        EXPECT_EQ(p.sched.worker_count(), 3u);
-        gate.open();
-        const Frame fa = a.get();
-        EXPECT_EQ(pts(fa), 100);
-        EXPECT_EQ(b.get(), fa);
-        with_lock(awaited, [](FakeWorker& x) { x.waiters = 0; });
+        for (int i = 0; i < 4; ++i) p.sched.remove_worker(nullptr, true);  // the fourth finds none: deferred
+        EXPECT_EQ(p.t.gone_ids(), (std::vector<int>{broken, lru, recent}));
+        EXPECT_EQ(p.sched.worker_count(), 4u);
+        leave.open();
+        holder.join();
+        for (FakeWorker* w : {busy, awaited}) with_lock(w, [](FakeWorker& x) { x.busy = false, x.waiters = 0; });
+        // The next request settles the deferred removal first, then decodes
+        // on the first empty worker it may take (not the reserved one).
+        const int busy_id = busy->id;
+        EXPECT_EQ(pts(p.get(10, 1)), 10);
+        EXPECT_EQ(p.t.gone_ids(), (std::vector<int>{broken, lru, recent, busy_id}));
+        EXPECT_EQ(p.t.job_log().at(0).worker, awaited->id);
         with_lock(reserved, [](FakeWorker& x) { x.reserved_by = 0; });
-        for (int i = 0; i < 3; ++i) p.sched.remove_worker(nullptr, true);
-        EXPECT_EQ(p.t.gone_ids(), ids);
     }
     {  // The second request passes the busy first worker over. Every worker
        // busy: nothing goes now, one idle worker as soon as a job ends.
@@ -342,32 +344,5 @@ TEST(SchedulerRemoval, RemovesOnlyTheLeastRecentlyUsedIdleWorker) {
         EXPECT_EQ(p.t.job_log().at(1).worker, second);
         EXPECT_EQ(p.sched.worker_count(), 1u);
         EXPECT_EQ(p.t.gone_ids().size(), 1u);
-    }
-    {  // A broken worker goes before the least recently used one. A worker
-       // whose mutex someone holds is in use: its removal is deferred to the
-       // next request instead of waiting for that mutex.
-        Pool p;
-        FakeWorker* lru = p.add([](FakeWorker& x) { x.hold(10), x.last_used = 1; });
-        FakeWorker* broken = p.add([](FakeWorker& x) { x.broken = true, x.last_used = 900; });
-        const int broken_id = broken->id, lru_id = lru->id;
-        p.sched.remove_worker(nullptr, true);
-        EXPECT_EQ(p.t.gone_ids(), std::vector<int>{broken_id});
-        {
-            // Held by another thread, as a request inside the worker would.
-            Gate entered, leave;
-            std::thread inside([&] {
-                std::lock_guard<std::mutex> lock(lru->mutex);
-                entered.open();
-                leave.wait();
-            });
-            entered.wait();
-            p.sched.remove_worker(nullptr, true);
-            EXPECT_EQ(p.sched.worker_count(), 1u);
-            leave.open();
-            inside.join();
-        }
-        // The next request settles the deferred removal first: nothing is left.
-        EXPECT_EQ(p.get(10, 1), nullptr);
-        EXPECT_EQ(p.t.gone_ids(), (std::vector<int>{broken_id, lru_id}));
     }
 }
