@@ -194,28 +194,12 @@ TEST(AudioMixCycles, SampleClockSurplusAndJumps) {
     }
 }
 
-TEST(AudioMixCycles, ShortSourcesFillTheStartSumsClipAndTheBufferIsReused) {
+// Misuse and bad records first, then the mixer still mixes: short sources
+// fill the start of a cycle, sums clip, and a cycle of the same size reuses
+// the block.
+TEST(AudioMixCycles, MisuseIsRefusedThenShortSourcesFillTheStartAndSumsClip) {
     AudioMixer mixer(44100, 2, SF_S16);
     int a = 0, b = 0, c = 0;
-    mixer.begin(span(0, 1, 30));
-    EXPECT_TRUE(mixer.getBuffer(&a)->write(counting_frame(1000, 1), 128));
-    const auto first = mixer.end();
-    ASSERT_EQ(first->size, 5880);
-    for (int i = 0; i < 1470; ++i) ASSERT_EQ(s16(*first)[2 * i], i < 1000 ? 1 + i : 0) << i;
-    // Same size: same block, zeroed again. Each source is scaled by its own
-    // volume and the sum clipped after each: 30000 + 30000 clips to 32767,
-    // then -20000 at half volume leaves 22767.
-    mixer.begin(span(1, 2, 30));
-    const struct { int* key; int16_t value; int volume; } sources[] = {{&a, 30000, 128}, {&b, 30000, 128}, {&c, -20000, 64}};
-    for (const auto& w : sources) EXPECT_TRUE(mixer.getBuffer(w.key)->write(s16_frame(2, std::vector<int16_t>(2940, w.value)), w.volume));
-    const auto second = mixer.end();
-    ASSERT_EQ(second.get(), first.get());
-    EXPECT_TRUE(std::all_of(s16(*second), s16(*second) + 2940, [](int16_t v) { return v == 22767; })) << s16(*second)[0];
-}
-
-TEST(AudioMixCycles, MisuseIsReportedAndBadRecordsAreRefused) {
-    AudioMixer mixer(44100, 2, SF_S16);
-    int a = 0, b = 0;
     bool before_begin = true, no_record = true, other_shape = true;
     EXPECT_EQ(stdout_of([&] { before_begin = mixer.getBuffer(&a)->write(counting_frame(10, 1), 128); }),
               "\"***ERROR***  need_samples <= 0, must call 'begin()'\"\n");
@@ -231,4 +215,19 @@ TEST(AudioMixCycles, MisuseIsReportedAndBadRecordsAreRefused) {
     EXPECT_FALSE(before_begin || no_record || other_shape) << refusals;
     mixer.begin(span(3, 2, 100));  // a range running backwards opens nothing
     EXPECT_EQ(mixer.end()->size, 0);
+    // The refused records left nothing behind: this cycle holds a's samples only.
+    mixer.begin(span(0, 1, 30));
+    EXPECT_TRUE(mixer.getBuffer(&a)->write(counting_frame(1000, 1), 128));
+    const auto first = mixer.end();
+    ASSERT_EQ(first->size, 5880);
+    for (int i = 0; i < 1470; ++i) ASSERT_EQ(s16(*first)[2 * i], i < 1000 ? 1 + i : 0) << i;
+    // Same size: same block, zeroed again. Each source is scaled by its own
+    // volume and the sum clipped after each: 30000 + 30000 clips to 32767,
+    // then -20000 at half volume leaves 22767.
+    mixer.begin(span(1, 2, 30));
+    const struct { int* key; int16_t value; int volume; } sources[] = {{&a, 30000, 128}, {&b, 30000, 128}, {&c, -20000, 64}};
+    for (const auto& w : sources) EXPECT_TRUE(mixer.getBuffer(w.key)->write(s16_frame(2, std::vector<int16_t>(2940, w.value)), w.volume));
+    const auto second = mixer.end();
+    ASSERT_EQ(second.get(), first.get());
+    EXPECT_TRUE(std::all_of(s16(*second), s16(*second) + 2940, [](int16_t v) { return v == 22767; })) << s16(*second)[0];
 }

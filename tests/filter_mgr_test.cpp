@@ -74,31 +74,19 @@ TEST(FilterArgs, SourceArgumentsInDesignedOrder) {
     }
 }
 
-TEST(FilterBuild, BuildersRebuildAndUninitFreesTheGraph) {
+// Subtitle and unknown streams get no graph; a refused call changes nothing;
+// the builders rebuild over the graph in place; failures are reported; and
+// uninit frees even a half-built graph.
+TEST(FilterBuild, RefusalsRebuildsFailuresAndUninit) {
     AvLogCapture avlog;
-    AVFilterMgr mgr;  // reused throughout: the sanitizer build reports any graph left behind
-    ASSERT_EQ(mgr.init_filters(&kVideo, "null"), 0);
-    ASSERT_EQ(mgr.init_video_filters(&kVideo, "scale=160:120"), 0);  // the builders free too
-    ASSERT_EQ(mgr.init_audio_filters(&kStereo, "atempo=2.0"), 0);
-    EXPECT_EQ(ends(mgr), "in/abuffer out/abuffersink");
-    // atempo picks its own sample format; the line reports what it chose.
-    const auto chosen = static_cast<AVSampleFormat>(mgr.buffersink_ctx->inputs[0]->format);
-    EXPECT_EQ(g_avlog, std::string("Output: srate:48000Hz fmt:") + av_get_sample_fmt_name(chosen) + " chlayout:stereo\n");
-    mgr.uninit();
-    EXPECT_TRUE(!mgr.filter_graph && !mgr.buffersrc_ctx && !mgr.buffersink_ctx);
-    mgr.uninit();  // twice is harmless
-}
-
-TEST(FilterBuild, RefusalsChangeNothingAndFailuresAreReported) {
-    AvLogCapture avlog;
-    AVFilterMgr none;  // subtitle streams and unknown kinds get no graph
+    AVFilterMgr none;
     for (const int type : {static_cast<int>(STREAM_SUBTITLE), 7}) {
         CodecContext cc = kVideo;
         cc.type = type;
         EXPECT_EQ(none.init_filters(&cc, "null"), -1) << type;
     }
     EXPECT_TRUE(ends(none) == "<none>" && !none.filter_graph);
-    AVFilterMgr mgr;
+    AVFilterMgr mgr;  // reused throughout: the sanitizer build reports any graph left behind
     ASSERT_EQ(mgr.init_filters(&kVideo, "null"), 0);
     const AVFilterGraph* graph = mgr.filter_graph;
     const AVFilterContext* src = mgr.buffersrc_ctx;
@@ -106,6 +94,14 @@ TEST(FilterBuild, RefusalsChangeNothingAndFailuresAreReported) {
                     mgr.init_video_filters(nullptr, "null"), mgr.init_audio_filters(&kVideo, nullptr)})
         EXPECT_EQ(ret, AVERROR(EINVAL));
     EXPECT_TRUE(mgr.filter_graph == graph && mgr.buffersrc_ctx == src);
+
+    ASSERT_EQ(mgr.init_video_filters(&kVideo, "scale=160:120"), 0);
+    g_avlog.clear();
+    ASSERT_EQ(mgr.init_audio_filters(&kStereo, "atempo=2.0"), 0);
+    EXPECT_EQ(ends(mgr), "in/abuffer out/abuffersink");
+    // atempo picks its own sample format; the line reports what it chose.
+    const auto chosen = static_cast<AVSampleFormat>(mgr.buffersink_ctx->inputs[0]->format);
+    EXPECT_EQ(g_avlog, std::string("Output: srate:48000Hz fmt:") + av_get_sample_fmt_name(chosen) + " chlayout:stereo\n");
 
     int ret = 0;
     auto fail = [&](const CodecContext& cc, const char* descr) {
@@ -129,6 +125,9 @@ TEST(FilterBuild, RefusalsChangeNothingAndFailuresAreReported) {
     EXPECT_EQ(fail({STREAM_VIDEO, 1, 12800, -1, 320, 240, 1, 1}, "null"), "Cannot create buffer source\n");
     EXPECT_EQ(fail(audio_cc(-1, 3, 2), "anull"), "Cannot create audio buffer source\n");
     EXPECT_EQ(mgr.buffersrc_ctx, nullptr);
+    mgr.uninit();
+    EXPECT_TRUE(!mgr.filter_graph && !mgr.buffersrc_ctx && !mgr.buffersink_ctx);
+    mgr.uninit();  // twice is harmless
 }
 
 // Each pushed frame is the cache's: it must come back untouched and let go of.
