@@ -199,18 +199,18 @@ TEST(AudioMixCycles, SampleClockSurplusAndJumps) {
 // the block.
 TEST(AudioMixCycles, MisuseIsRefusedThenShortSourcesFillTheStartAndSumsClip) {
     AudioMixer mixer(44100, 2, SF_S16);
-    int a = 0, b = 0, c = 0;
+    int early = 0, misfit = 0, a = 0, b = 0, c = 0;  // `misfit`, refused each time, never gets a queue
     bool before_begin = true, no_record = true, other_shape = true;
-    EXPECT_EQ(stdout_of([&] { before_begin = mixer.getBuffer(&a)->write(counting_frame(10, 1), 128); }),
+    EXPECT_EQ(stdout_of([&] { before_begin = mixer.getBuffer(&early)->write(counting_frame(10, 1), 128); }),
               "\"***ERROR***  need_samples <= 0, must call 'begin()'\"\n");
-    EXPECT_EQ(stdout_of([&] { no_record = mixer.getBuffer(&a)->write(nullptr, 128); }), "");
+    EXPECT_EQ(stdout_of([&] { no_record = mixer.getBuffer(&early)->write(nullptr, 128); }), "");
     // Records of another shape would overrun the FIFO or the scratch block.
     mixer.begin(span(1, 2, 100));
     auto lying = counting_frame(100, 1);
     lying->nb_samples = 1000;
     const std::string refusals = stdout_of([&] {
-        other_shape = mixer.getBuffer(&b)->write(s16_frame(6, std::vector<int16_t>(600, 1)), 128) ||
-                      mixer.getBuffer(&b)->write(lying, 128);
+        other_shape = mixer.getBuffer(&misfit)->write(s16_frame(6, std::vector<int16_t>(600, 1)), 128) ||
+                      mixer.getBuffer(&misfit)->write(lying, 128);
     });
     EXPECT_FALSE(before_begin || no_record || other_shape) << refusals;
     mixer.begin(span(3, 2, 100));  // a range running backwards opens nothing
