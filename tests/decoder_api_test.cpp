@@ -51,12 +51,6 @@ TEST(DecoderApi, ContiguousAudioRunsAddUpExactly) {
         // Only the first request of the run seeks; past the end there is nothing.
         EXPECT_TRUE(!r.ramp || (before.since().seeks == 1u && !dec->getAudioFrame(audio_request({3000, 50}, {3001, 50}, SF_S16, 44100))));
     }
-    // 30 fps spans at 48 kHz: 1600 samples each.
-    FFDecoder dec;
-    ASSERT_TRUE(dec.open(stream_of("ramp60.flac", STREAM_AUDIO)));
-    ASSERT_NE(dec.getAudioFrame(audio_request({0, 1}, {1, 2}, SF_FLT, 48000)), nullptr);
-    const auto a = dec.getAudioFrame(audio_request({1, 1}, {31, 30}, SF_FLT, 48000));
-    EXPECT_EQ(a ? a->nb_samples : -1, 1600);
 }
 
 // Decoders of one stream share decode tasks, and a WAV demuxer cuts its
