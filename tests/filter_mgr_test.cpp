@@ -132,7 +132,7 @@ TEST(FilterBuild, RefusalsRebuildsFailuresAndUninit) {
 
 // Each pushed frame is the cache's: it must come back untouched and let go of.
 // The descriptions connect with or without the [in] and [out] labels.
-TEST(FilterVideo, ChainsGiveTheirPictureAndLeaveTheInput) {
+TEST(FilterVideo, ChainsGiveTheirPictureFailedPushesKeepItAndEofDrains) {
     // Non-geometric chains keep the picture, so the frame still shows its index.
     const struct { const char* descr; int width, height; bool same_picture; } chains[] = {
         {"[in]scale=160:120[out]", 160, 120, false}, {"null", 320, 240, true}, {"[in]format=yuv420p[out]", 320, 240, true},
@@ -159,15 +159,14 @@ TEST(FilterVideo, ChainsGiveTheirPictureAndLeaveTheInput) {
         }
     }
     EXPECT_EQ(g_avlog, "");
-}
 
-TEST(FilterVideo, FailedPushLogsAndKeepsTheFrameThenEofDrains) {
+    // Without a graph, and with one the frame does not fit, a push fails,
+    // logs, and leaves the frame; at the end of the input the sink drains.
+    mgr.uninit();
     Decoding dec("h264_cfr.mp4", 0);
     std::shared_ptr<AVFrame> f = dec.next();
     ASSERT_TRUE(f);
     const AVFrame* input = f.get();
-    AvLogCapture avlog;
-    AVFilterMgr mgr;
     int ret = 0;
     // What one push logs; its result lands in `ret`.
     auto push = [&](AVFilterMgr* into, std::shared_ptr<AVFrame>& frame) {
