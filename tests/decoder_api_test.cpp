@@ -92,27 +92,6 @@ TEST(DecoderApi, SpansStartExactlyAtTheirSampleAndLateStartsAreSilent) {
     EXPECT_TRUE(is_ramp(s + 2 * 11025, 2, 11025, 0));
 }
 
-TEST(DecoderApi, PositioningFetchesWithoutAnswerAndStartsANewRun) {
-    FFDecoder dec;
-    ASSERT_TRUE(dec.open(stream_of("pcm_s16.wav", STREAM_AUDIO)));
-    ASSERT_NE(dec.getAudioFrame(audio_request({0, 1}, {1, 2}, SF_S16, 48000)), nullptr);
-    // Positioning decodes up to the time and answers nothing.
-    const Counts before = Counts::now();
-    dec.pri_seek({7, 2}, false);
-    EXPECT_GT(before.since().frames, 0u);
-    // The span right after the positioned time starts a run of its own, served
-    // from the frames the positioning left in the cache.
-    const Counts after_seek = Counts::now();
-    const auto a = dec.getAudioFrame(audio_request({7, 2}, {18, 5}, SF_S16, 48000));
-    EXPECT_TRUE(a && is_ramp(*a, 168000));
-    EXPECT_LE(after_seek.since().frames, 6u);
-    // Well past the end (the cache keeps the stream's last frames): nothing.
-    EXPECT_EQ(dec.getAudioFrame(audio_request({10, 1}, {11, 1}, SF_S16, 48000)), nullptr);
-    RequireAudioFrame seek_only = audio_request({3, 1}, {3, 1}, SF_S16, 48000);
-    seek_only.format = static_cast<SampleFormat>(FMT_SEEK_ONLY);
-    EXPECT_EQ(dec.getAudioFrame(seek_only), nullptr);
-}
-
 // Times map to the frame on screen in DecoderExactness (every timestamp of
 // every video) and through this facade in the thumbnail, lifecycle and
 // stress tests; here what the facade adds for still pictures, dividers and
@@ -150,7 +129,9 @@ TEST(DecoderApi, StillsRawStreamsAndDividers) {
     EXPECT_EQ(shot ? testmedia::picture_index(*shot) : -1, 37);
 }
 
-TEST(DecoderApi, ClosedAndNeverOpenedDecodersAnswerNothing) {
+// Never opened or closed decoders answer nothing, nor does a request numbered
+// before a close, nor positioning (which fetches all the same).
+TEST(DecoderApi, ClosedNeverOpenedStaleAndPositioningRequestsAnswerNothing) {
     const StreamCtx* video = stream_of("h264_cfr.mp4", STREAM_VIDEO);
     FFDecoder dec;
     RequireVideoFrame req;
@@ -180,4 +161,21 @@ TEST(DecoderApi, ClosedAndNeverOpenedDecodersAnswerNothing) {
                          "> 异步取音频，已过时： 3 (serials=0)"));
     EXPECT_TRUE(!picture && !samples);
     EXPECT_NE(stale.pri_getVideoFrame(req, 1), nullptr);
+
+    ASSERT_NE(audio.getAudioFrame(audio_request({0, 1}, {1, 2}, SF_S16, 48000)), nullptr);
+    // Positioning decodes up to the time and answers nothing.
+    const Counts before = Counts::now();
+    audio.pri_seek({7, 2}, false);
+    EXPECT_GT(before.since().frames, 0u);
+    // The span right after the positioned time starts a run of its own, served
+    // from the frames the positioning left in the cache.
+    const Counts after_seek = Counts::now();
+    const auto a = audio.getAudioFrame(audio_request({7, 2}, {18, 5}, SF_S16, 48000));
+    EXPECT_TRUE(a && is_ramp(*a, 168000));
+    EXPECT_LE(after_seek.since().frames, 6u);
+    // Well past the end (the cache keeps the stream's last frames): nothing.
+    EXPECT_EQ(audio.getAudioFrame(audio_request({10, 1}, {11, 1}, SF_S16, 48000)), nullptr);
+    RequireAudioFrame seek_only = audio_request({3, 1}, {3, 1}, SF_S16, 48000);
+    seek_only.format = static_cast<SampleFormat>(FMT_SEEK_ONLY);
+    EXPECT_EQ(audio.getAudioFrame(seek_only), nullptr);
 }
