@@ -21,18 +21,17 @@ std::vector<std::vector<double>> plain_samples(const std::string& file) {
     if (!plain.open(file, AVMEDIA_TYPE_AUDIO)) return channels;
     plain.each_frame([&](AVFrame* f) {
         const int count = f->ch_layout.nb_channels;
-        channels.resize(static_cast<size_t>(count));
-        const auto format = static_cast<AVSampleFormat>(f->format);
+        const auto format = static_cast<AVSampleFormat>(f->format), packed = av_get_packed_sample_fmt(format);
+        if (packed != AV_SAMPLE_FMT_S16 && packed != AV_SAMPLE_FMT_S32 && packed != AV_SAMPLE_FMT_FLT) {
+            ADD_FAILURE() << "no reference for format " << f->format;
+            return false;
+        }
         const bool planar = av_sample_fmt_is_planar(format);
+        channels.resize(static_cast<size_t>(count));
         for (int c = 0; c < count; ++c) {
+            const uint8_t* plane = f->extended_data[planar ? c : 0];
             for (int i = 0; i < f->nb_samples; ++i) {
                 const int at = planar ? i : i * count + c;
-                const uint8_t* plane = f->extended_data[planar ? c : 0];
-                const AVSampleFormat packed = av_get_packed_sample_fmt(format);
-                if (packed != AV_SAMPLE_FMT_S16 && packed != AV_SAMPLE_FMT_S32 && packed != AV_SAMPLE_FMT_FLT) {
-                    ADD_FAILURE() << "no reference for format " << f->format;
-                    return false;
-                }
                 channels[c].push_back(packed == AV_SAMPLE_FMT_S16   ? reinterpret_cast<const int16_t*>(plane)[at] / 32768.0
                                       : packed == AV_SAMPLE_FMT_S32 ? reinterpret_cast<const int32_t*>(plane)[at] / 2147483648.0
                                                                     : reinterpret_cast<const float*>(plane)[at]);

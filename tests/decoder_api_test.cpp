@@ -15,6 +15,7 @@ using testsupport::audio_request;
 using testsupport::contains;
 using testsupport::Counts;
 using testsupport::is_ramp;
+using testsupport::stdout_of;
 using testsupport::stream_of;
 
 // Runs of 20 ms requests: the totals add up exactly, lossless spans carry the
@@ -50,74 +51,45 @@ TEST(DecoderApi, ContiguousAudioRunsAddUpExactly) {
         // Only the first request of the run seeks; past the end there is nothing.
         EXPECT_TRUE(!r.ramp || (before.since().seeks == 1u && !dec->getAudioFrame(audio_request({3000, 50}, {3001, 50}, SF_S16, 44100))));
     }
-    // 30 fps spans at 48 kHz: 1600 samples each.
-    FFDecoder dec;
-    ASSERT_TRUE(dec.open(stream_of("ramp60.flac", STREAM_AUDIO)));
-    ASSERT_NE(dec.getAudioFrame(audio_request({0, 1}, {1, 2}, SF_FLT, 48000)), nullptr);
-    const auto a = dec.getAudioFrame(audio_request({1, 1}, {31, 30}, SF_FLT, 48000));
-    EXPECT_EQ(a ? a->nb_samples : -1, 1600);
 }
 
 // Decoders of one stream share decode tasks, and a WAV demuxer cuts its
 // packets wherever a seek landed: the frame after a decoder's last one may
 // come from a task cut elsewhere. Spans stay exact all the same.
 TEST(DecoderApi, SpansStartExactlyAtTheirSampleAndLateStartsAreSilent) {
-    FFDecoder decoders[2];
-    for (FFDecoder& d : decoders) ASSERT_TRUE(d.open(stream_of("pcm_s16.wav", STREAM_AUDIO)));
     std::mt19937 rng(17);
-    for (int i = 0; i < 600; ++i) {
-        const long long first = rng() % (3 * 48000), length = 960 + rng() % 4000;
-        const auto a = decoders[rng() % 2].getAudioFrame(
-            audio_request({first, 48000}, {first + length, 48000}, SF_S16, 48000));
-        ASSERT_TRUE(a && a->nb_samples == length) << i;
-        ASSERT_TRUE(is_ramp(*a, first)) << "request " << i << " at sample " << first;
+    // File, rate, random spans, the first sample they may start at.
+    const struct { const char* file; int rate; int spans; long long range; } sources[] = {
+        {"pcm_s16.wav", 48000, 600, 3 * 48000}, {"ramp60.flac", 44100, 40, 50 * 44100}};
+    FFDecoder decoders[2];
+    for (const auto& source : sources) {
+        SCOPED_TRACE(source.file);
+        for (FFDecoder& d : decoders) ASSERT_TRUE(d.open(stream_of(source.file, STREAM_AUDIO)));
+        for (int i = 0; i < source.spans; ++i) {
+            const long long first = rng() % source.range, length = 960 + rng() % 4000;
+            const auto a = decoders[rng() % 2].getAudioFrame(
+                audio_request({first, source.rate}, {first + length, source.rate}, SF_S16, source.rate));
+            ASSERT_TRUE(a && a->nb_samples == length) << i;
+            ASSERT_TRUE(is_ramp(*a, first)) << "request " << i << " at sample " << first;
+        }
     }
-    FFDecoder dec;
-    ASSERT_TRUE(dec.open(stream_of("ramp60.flac", STREAM_AUDIO)));
-    for (int i = 0; i < 20; ++i) {
-        const long long first = rng() % (50 * 44100);
-        const auto a = dec.getAudioFrame(audio_request({first, 44100}, {first + 4410, 44100}, SF_S16, 44100));
-        ASSERT_TRUE(a && a->nb_samples == 4410);
-        EXPECT_TRUE(is_ramp(*a, first)) << "span at sample " << first;
-    }
+    FFDecoder& dec = decoders[0];
     // A third of a second falls between samples: rounded to the nearest.
     const auto third = dec.getAudioFrame(audio_request({1, 3}, {2, 3}, SF_S16, 44100));
     EXPECT_TRUE(third && is_ramp(*third, 14700));
 
-    // Before the stream's start: silence up to 0 s, then the first samples.
-    testmedia::LogCapture log;
-    const auto late = dec.getAudioFrame(audio_request({-1, 4}, {1, 4}, SF_S16, 44100));
+    // Before the stream's start: silence up to 0 s, then the first samples;
+    // far before, the silence is limited to 192000 samples.
+    std::shared_ptr<AFrameCtx> late, far;
+    EXPECT_TRUE(contains(stdout_of([&] { late = dec.getAudioFrame(audio_request({-1, 4}, {1, 4}, SF_S16, 44100)); }),
+                         "first packet lost, fill silence"));
+    EXPECT_TRUE(contains(stdout_of([&] { far = dec.getAudioFrame(audio_request({-5, 1}, {-49, 10}, SF_S16, 44100)); }),
+                         "\"nb_drain is too bigger: 220500, limit to 192000\"\n"));
+    EXPECT_EQ(far ? far->nb_samples : -1, 4410);
     ASSERT_TRUE(late && late->nb_samples == 22050);
     const auto* s = reinterpret_cast<const int16_t*>(late->data[0]);
     EXPECT_TRUE(std::all_of(s, s + 11025 * 2, [](int16_t v) { return v == 0; }));
     EXPECT_TRUE(is_ramp(s + 2 * 11025, 2, 11025, 0));
-    EXPECT_TRUE(contains(log.take(), "first packet lost, fill silence"));
-
-    // Far before: the silence is limited to 192000 samples.
-    const auto far = dec.getAudioFrame(audio_request({-5, 1}, {-49, 10}, SF_S16, 44100));
-    EXPECT_EQ(far ? far->nb_samples : -1, 4410);
-    EXPECT_TRUE(contains(log.take(), "\"nb_drain is too bigger: 220500, limit to 192000\"\n"));
-}
-
-TEST(DecoderApi, PositioningFetchesWithoutAnswerAndStartsANewRun) {
-    FFDecoder dec;
-    ASSERT_TRUE(dec.open(stream_of("pcm_s16.wav", STREAM_AUDIO)));
-    ASSERT_NE(dec.getAudioFrame(audio_request({0, 1}, {1, 2}, SF_S16, 48000)), nullptr);
-    // Positioning decodes up to the time and answers nothing.
-    const Counts before = Counts::now();
-    dec.pri_seek({7, 2}, false);
-    EXPECT_GT(before.since().frames, 0u);
-    // The span right after the positioned time starts a run of its own, served
-    // from the frames the positioning left in the cache.
-    const Counts after_seek = Counts::now();
-    const auto a = dec.getAudioFrame(audio_request({7, 2}, {18, 5}, SF_S16, 48000));
-    EXPECT_TRUE(a && is_ramp(*a, 168000));
-    EXPECT_LE(after_seek.since().frames, 6u);
-    // Well past the end (the cache keeps the stream's last frames): nothing.
-    EXPECT_EQ(dec.getAudioFrame(audio_request({10, 1}, {11, 1}, SF_S16, 48000)), nullptr);
-    RequireAudioFrame seek_only = audio_request({3, 1}, {3, 1}, SF_S16, 48000);
-    seek_only.format = static_cast<SampleFormat>(FMT_SEEK_ONLY);
-    EXPECT_EQ(dec.getAudioFrame(seek_only), nullptr);
 }
 
 // Times map to the frame on screen in DecoderExactness (every timestamp of
@@ -157,7 +129,9 @@ TEST(DecoderApi, StillsRawStreamsAndDividers) {
     EXPECT_EQ(shot ? testmedia::picture_index(*shot) : -1, 37);
 }
 
-TEST(DecoderApi, ClosedAndNeverOpenedDecodersAnswerNothing) {
+// Never opened or closed decoders answer nothing, nor does a request numbered
+// before a close, nor positioning (which fetches all the same).
+TEST(DecoderApi, ClosedNeverOpenedStaleAndPositioningRequestsAnswerNothing) {
     const StreamCtx* video = stream_of("h264_cfr.mp4", STREAM_VIDEO);
     FFDecoder dec;
     RequireVideoFrame req;
@@ -180,10 +154,28 @@ TEST(DecoderApi, ClosedAndNeverOpenedDecodersAnswerNothing) {
     ASSERT_TRUE(stale.open(video) && audio.open(stream_of("pcm_s16.wav", STREAM_AUDIO)));
     for (FFDecoder* d : {&stale, &audio}) d->close();
     ASSERT_TRUE(stale.reopen() && audio.reopen());
-    testmedia::LogCapture log;
-    EXPECT_EQ(stale.pri_getVideoFrame(req, 0), nullptr);
-    EXPECT_TRUE(contains(log.take(), "> 异步取画面，已过时： 1 (serials=0)"));
+    std::shared_ptr<VFrameCtx> picture;
+    std::shared_ptr<AFrameCtx> samples;
+    EXPECT_TRUE(contains(stdout_of([&] { picture = stale.pri_getVideoFrame(req, 0); }), "> 异步取画面，已过时： 1 (serials=0)"));
+    EXPECT_TRUE(contains(stdout_of([&] { samples = audio.pri_getAudioFrame(audio_request({3, 1}, {4, 1}, SF_FLT, 48000), 0); }),
+                         "> 异步取音频，已过时： 3 (serials=0)"));
+    EXPECT_TRUE(!picture && !samples);
     EXPECT_NE(stale.pri_getVideoFrame(req, 1), nullptr);
-    EXPECT_EQ(audio.pri_getAudioFrame(audio_request({3, 1}, {4, 1}, SF_FLT, 48000), 0), nullptr);
-    EXPECT_TRUE(contains(log.take(), "> 异步取音频，已过时： 3 (serials=0)"));
+
+    ASSERT_NE(audio.getAudioFrame(audio_request({0, 1}, {1, 2}, SF_S16, 48000)), nullptr);
+    // Positioning decodes up to the time and answers nothing.
+    const Counts before = Counts::now();
+    audio.pri_seek({7, 2}, false);
+    EXPECT_GT(before.since().frames, 0u);
+    // The span right after the positioned time starts a run of its own, served
+    // from the frames the positioning left in the cache.
+    const Counts after_seek = Counts::now();
+    const auto a = audio.getAudioFrame(audio_request({7, 2}, {18, 5}, SF_S16, 48000));
+    EXPECT_TRUE(a && is_ramp(*a, 168000));
+    EXPECT_LE(after_seek.since().frames, 6u);
+    // Well past the end (the cache keeps the stream's last frames): nothing.
+    EXPECT_EQ(audio.getAudioFrame(audio_request({10, 1}, {11, 1}, SF_S16, 48000)), nullptr);
+    RequireAudioFrame seek_only = audio_request({3, 1}, {3, 1}, SF_S16, 48000);
+    seek_only.format = static_cast<SampleFormat>(FMT_SEEK_ONLY);
+    EXPECT_EQ(audio.getAudioFrame(seek_only), nullptr);
 }

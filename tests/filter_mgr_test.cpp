@@ -74,37 +74,19 @@ TEST(FilterArgs, SourceArgumentsInDesignedOrder) {
     }
 }
 
-TEST(FilterBuild, DescriptionsConnectAndRebuildsFreeThePreviousGraph) {
+// Subtitle and unknown streams get no graph; a refused call changes nothing;
+// the builders rebuild over the graph in place; failures are reported; and
+// uninit frees even a half-built graph.
+TEST(FilterBuild, RefusalsRebuildsFailuresAndUninit) {
     AvLogCapture avlog;
-    AVFilterMgr mgr;  // reused throughout: the sanitizer build reports any graph left behind
-    for (const char* descr : {"null", "[in]null[out]", "[in]scale=160:120[out]", "hflip,vflip"}) {
-        ASSERT_EQ(mgr.init_filters(&kVideo, descr), 0) << descr;
-        ASSERT_EQ(ends(mgr), "in/buffer out/buffersink");
-        // Joined through: the sink's input link is configured.
-        ASSERT_TRUE(mgr.buffersink_ctx->nb_inputs == 1u && mgr.buffersink_ctx->inputs[0]->w > 0) << descr;
-    }
-    EXPECT_EQ(g_avlog, "");
-    ASSERT_EQ(mgr.init_video_filters(&kVideo, "scale=160:120"), 0);  // the builders free too
-    ASSERT_EQ(mgr.init_audio_filters(&kStereo, "atempo=2.0"), 0);
-    EXPECT_EQ(ends(mgr), "in/abuffer out/abuffersink");
-    // atempo picks its own sample format; the line reports what it chose.
-    const auto chosen = static_cast<AVSampleFormat>(mgr.buffersink_ctx->inputs[0]->format);
-    EXPECT_EQ(g_avlog, std::string("Output: srate:48000Hz fmt:") + av_get_sample_fmt_name(chosen) + " chlayout:stereo\n");
-    mgr.uninit();
-    EXPECT_TRUE(!mgr.filter_graph && !mgr.buffersrc_ctx && !mgr.buffersink_ctx);
-    mgr.uninit();  // twice is harmless
-}
-
-TEST(FilterBuild, RefusalsChangeNothingAndFailuresAreReported) {
-    AvLogCapture avlog;
-    AVFilterMgr none;  // subtitle streams and unknown kinds get no graph
+    AVFilterMgr none;
     for (const int type : {static_cast<int>(STREAM_SUBTITLE), 7}) {
         CodecContext cc = kVideo;
         cc.type = type;
         EXPECT_EQ(none.init_filters(&cc, "null"), -1) << type;
     }
     EXPECT_TRUE(ends(none) == "<none>" && !none.filter_graph);
-    AVFilterMgr mgr;
+    AVFilterMgr mgr;  // reused throughout: the sanitizer build reports any graph left behind
     ASSERT_EQ(mgr.init_filters(&kVideo, "null"), 0);
     const AVFilterGraph* graph = mgr.filter_graph;
     const AVFilterContext* src = mgr.buffersrc_ctx;
@@ -112,6 +94,14 @@ TEST(FilterBuild, RefusalsChangeNothingAndFailuresAreReported) {
                     mgr.init_video_filters(nullptr, "null"), mgr.init_audio_filters(&kVideo, nullptr)})
         EXPECT_EQ(ret, AVERROR(EINVAL));
     EXPECT_TRUE(mgr.filter_graph == graph && mgr.buffersrc_ctx == src);
+
+    ASSERT_EQ(mgr.init_video_filters(&kVideo, "scale=160:120"), 0);
+    g_avlog.clear();
+    ASSERT_EQ(mgr.init_audio_filters(&kStereo, "atempo=2.0"), 0);
+    EXPECT_EQ(ends(mgr), "in/abuffer out/abuffersink");
+    // atempo picks its own sample format; the line reports what it chose.
+    const auto chosen = static_cast<AVSampleFormat>(mgr.buffersink_ctx->inputs[0]->format);
+    EXPECT_EQ(g_avlog, std::string("Output: srate:48000Hz fmt:") + av_get_sample_fmt_name(chosen) + " chlayout:stereo\n");
 
     int ret = 0;
     auto fail = [&](const CodecContext& cc, const char* descr) {
@@ -135,18 +125,24 @@ TEST(FilterBuild, RefusalsChangeNothingAndFailuresAreReported) {
     EXPECT_EQ(fail({STREAM_VIDEO, 1, 12800, -1, 320, 240, 1, 1}, "null"), "Cannot create buffer source\n");
     EXPECT_EQ(fail(audio_cc(-1, 3, 2), "anull"), "Cannot create audio buffer source\n");
     EXPECT_EQ(mgr.buffersrc_ctx, nullptr);
+    mgr.uninit();
+    EXPECT_TRUE(!mgr.filter_graph && !mgr.buffersrc_ctx && !mgr.buffersink_ctx);
+    mgr.uninit();  // twice is harmless
 }
 
 // Each pushed frame is the cache's: it must come back untouched and let go of.
-TEST(FilterVideo, ChainsGiveTheirPictureAndLeaveTheInput) {
+// The descriptions connect with or without the [in] and [out] labels.
+TEST(FilterVideo, ChainsGiveTheirPictureFailedPushesKeepItAndEofDrains) {
     // Non-geometric chains keep the picture, so the frame still shows its index.
     const struct { const char* descr; int width, height; bool same_picture; } chains[] = {
-        {"scale=160:120", 160, 120, false}, {"null", 320, 240, true},
-        {"[in]format=yuv420p[out]", 320, 240, true}, {"hflip,hflip", 320, 240, true}, {"hflip", 320, 240, false}};
+        {"[in]scale=160:120[out]", 160, 120, false}, {"null", 320, 240, true}, {"[in]format=yuv420p[out]", 320, 240, true},
+        {"hflip,hflip", 320, 240, true}, {"hflip", 320, 240, false}};
+    AvLogCapture avlog;
+    AVFilterMgr mgr;  // rebuilt for each chain: the sanitizer build reports any graph left behind
     for (const auto& c : chains) {
         Decoding dec("h264_cfr.mp4", 0);
-        AVFilterMgr mgr;
         ASSERT_EQ(mgr.init_filters(&kVideo, c.descr), 0) << c.descr;
+        ASSERT_EQ(ends(mgr), "in/buffer out/buffersink");
         for (int i = 0; i < 12; ++i) {
             std::shared_ptr<AVFrame> f = dec.next();
             ASSERT_TRUE(f);
@@ -162,27 +158,35 @@ TEST(FilterVideo, ChainsGiveTheirPictureAndLeaveTheInput) {
             EXPECT_EQ(testmedia::picture_digest(cached.get()), digest) << c.descr;
         }
     }
-}
+    EXPECT_EQ(g_avlog, "");
 
-TEST(FilterVideo, FailedPushLogsAndKeepsTheFrameThenEofDrains) {
+    // Without a graph, and with one the frame does not fit, a push fails,
+    // logs, and leaves the frame; at the end of the input the sink drains.
+    mgr.uninit();
     Decoding dec("h264_cfr.mp4", 0);
     std::shared_ptr<AVFrame> f = dec.next();
     ASSERT_TRUE(f);
     const AVFrame* input = f.get();
-    AvLogCapture avlog;
-    testmedia::LogCapture log;
-    AVFilterMgr mgr;
-    EXPECT_TRUE(excute_filting(nullptr, f) == AVERROR(EINVAL) && excute_filting(&mgr, f) == AVERROR(EINVAL) && f.get() == input);
-    const std::string line = "\"Error while feeding the filtergraph: err=" + std::string(ffmpeg_error(AVERROR(EINVAL)));
-    EXPECT_EQ(log.take(), line + "\"\n" + line + "\"\n");
+    int ret = 0;
+    // What one push logs; its result lands in `ret`.
+    auto push = [&](AVFilterMgr* into, std::shared_ptr<AVFrame>& frame) {
+        return testsupport::stdout_of([&] { ret = excute_filting(into, frame); });
+    };
+    const std::string line = "\"Error while feeding the filtergraph: err=";
+    const std::string einval = line + ffmpeg_error(AVERROR(EINVAL)) + "\"\n";
+    EXPECT_EQ(push(nullptr, f), einval);
+    EXPECT_TRUE(ret == AVERROR(EINVAL) && f.get() == input);
+    EXPECT_EQ(push(&mgr, f), einval);
+    EXPECT_TRUE(ret == AVERROR(EINVAL) && f.get() == input);
     // A frame that does not match the source: libavfilter refuses it.
     ASSERT_EQ(mgr.init_filters(&kStereo, "anull"), 0);
-    EXPECT_TRUE(excute_filting(&mgr, f) < 0 && f.get() == input);
-    EXPECT_EQ(log.take().rfind("\"Error while feeding the filtergraph: err=", 0), 0u);
+    EXPECT_EQ(push(&mgr, f).rfind(line, 0), 0u);
+    EXPECT_TRUE(ret < 0 && f.get() == input);
     ASSERT_EQ(mgr.init_filters(&kVideo, "null"), 0);
     f = dec.next();
-    ASSERT_EQ(excute_filting(&mgr, f), 0);
+    EXPECT_EQ(push(&mgr, f), "");
+    ASSERT_EQ(ret, 0);
     std::shared_ptr<AVFrame> end;
-    EXPECT_TRUE(excute_filting(&mgr, end) == AVERROR_EOF && end && end->data[0] == nullptr);
-    EXPECT_EQ(log.take(), "\"[filter] buffersink error: " + std::string(ffmpeg_error(AVERROR_EOF)) + "\"\n");
+    EXPECT_EQ(push(&mgr, end), "\"[filter] buffersink error: " + std::string(ffmpeg_error(AVERROR_EOF)) + "\"\n");
+    EXPECT_TRUE(ret == AVERROR_EOF && end && end->data[0] == nullptr);
 }

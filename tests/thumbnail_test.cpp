@@ -1,17 +1,22 @@
 // Movie thumbnails: the divider rules, the picture every video file of the
-// test set gives at a time and at a fraction of its duration (checked against
-// a plain sequential decode), the reported duration, and the failures.
+// test set gives at a time and at a fraction of its duration and the
+// filmstrips it gives (checked against a plain sequential decode), the
+// reported duration, the failures, the cache, and upright pictures.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <string>
+#include <vector>
 
 #include "decode_counters.h"
 #include "support.h"
 #include "ff_tools.h"
 #include "ffdecoder.h"
+#include "filmstrip.h"
 #include "media.h"
+#include "rational_convert.h"
 #include "thumbnail_cache.h"
 #include "utils/mempool.h"
 
@@ -20,6 +25,37 @@ using namespace ff;
 namespace {
 
 int round_up(int v, int m) { return (v + m - 1) / m * m; }
+
+struct Shown {
+    long long pts;
+    int index;
+    bool key;
+};
+
+// Every frame of the stream in presentation order, with its key-frame flag.
+std::vector<Shown> plain_frames(const std::string& file, int stream) {
+    std::vector<Shown> frames;
+    testmedia::PlainDecoding plain;
+    if (!plain.open(file, AVMEDIA_TYPE_VIDEO, stream)) return frames;
+    plain.each_frame([&](AVFrame* f) {
+        frames.push_back({f->best_effort_timestamp, testmedia::frame_index(f), f->key_frame != 0});
+        return true;
+    });
+    std::sort(frames.begin(), frames.end(), [](const Shown& a, const Shown& b) { return a.pts < b.pts; });
+    return frames;
+}
+
+// The last frame (or key frame) at or before ts; the first such frame when
+// none is.
+const Shown* last_at_or_before(const std::vector<Shown>& frames, long long ts, bool keys_only) {
+    const Shown* found = nullptr;
+    for (const Shown& f : frames)
+        if (!keys_only || f.key) {
+            if (found && f.pts > ts) break;
+            found = &f;
+        }
+    return found;
+}
 
 // A picture of at most width x height (0: no limit), in RGBA by default.
 RequireMvImage request(int width, int height) {
@@ -43,23 +79,29 @@ TEST(ThumbnailDivider, FollowsTheWidthThenHeightRules) {
     for (const auto& r : rows) EXPECT_EQ(movie_image_divider(r[0], r[1], r[2], r[3]), r[4]) << r[2] << "x" << r[3];
 }
 
-TEST(Thumbnail, EveryVideoFileGivesThePredictedPictureAtTheDividedSize) {
+// Both against a plain sequential decode: a thumbnail is the frame on screen
+// at its time, a filmstrip's exact mode gives the same, its fast mode the key
+// frame at or before the time, and each strip picture says its own time.
+TEST(Thumbnail, EveryVideoFileGivesThePredictedPicturesAndFilmstrips) {
     // raw.h264 is left out: its plain decode has no timestamps to predict
-    // from (DecoderApi.RawStreamWithoutTimestampsGivesTheFrameOfEachTime).
-    const char* files[] = {"h264_cfr.mp4", "h264_23976.mp4", "vfr.mkv", "ts_offset.ts", "vp9_opus.webm",
-                           "rotated.mp4", "subs.mkv", "nodecoder_first.mp4", "still.png", "mp3_cover.mp3"};
+    // from (DecoderApi.StillsRawStreamsAndDividers).
+    const char* files[] = {"h264_cfr.mp4", "h264_23976.mp4", "vfr.mkv", "ts_offset.ts", "vp9_opus.webm", "rotated.mp4",
+                           "subs.mkv", "long_gop.mp4", "nodecoder_first.mp4", "still.png", "mp3_cover.mp3"};
     // 320x240: 160x120 -> 2; 100 wide -> 320/4 = 80 <= 100 -> 4; 50 high -> 240/5 = 48 -> 5.
     // 64x64: only the height limit of 50 bites: 64/2 = 32 -> 2.
     // Target width, height; dividers for 320x240 and 64x64, worked out by hand.
     const struct { int width, height, divider_320x240, divider_64x64; } targets[] = {
         {160, 120, 2, 1}, {100, 0, 4, 1}, {0, 50, 5, 2}, {0, 0, 1, 1}};
     for (const char* name : files) {
-        const testsupport::VideoUnderTest v = testsupport::load_video(name);
-        ASSERT_TRUE(v.stream && !v.reference.empty() && v.stream->movie) << name;
-        const MovieCtx* movie = v.stream->movie;
-        const int sw = v.stream->width, sh = v.stream->height;
-        ASSERT_TRUE((sw == 320 && sh == 240) || (sw == 64 && sh == 64)) << name << " " << sw << "x" << sh;
-        const long long start = v.stream->start_time == kNoPts ? 0 : v.stream->start_time;
+        SCOPED_TRACE(name);
+        const StreamCtx* st = testsupport::stream_of(name, STREAM_VIDEO);
+        ASSERT_TRUE(st && st->movie);
+        const std::vector<Shown> frames = plain_frames(testmedia::path(name), st->index);
+        ASSERT_FALSE(frames.empty());
+        const MovieCtx* movie = st->movie;
+        const int sw = st->width, sh = st->height;
+        ASSERT_TRUE((sw == 320 && sh == 240) || (sw == 64 && sh == 64)) << sw << "x" << sh;
+        const long long start = st->start_time == kNoPts ? 0 : st->start_time;
 
         int turn = 0;
         for (const auto& t : targets) {
@@ -72,23 +114,47 @@ TEST(Thumbnail, EveryVideoFileGivesThePredictedPictureAtTheDividedSize) {
                 const Rational wanted = by_ratio ? Rational(static_cast<long long>(movie->duration * req.ratio), 1000000) : req.time;
                 Rational duration(-1, 1);
                 const auto picture = getMovieImage(testmedia::path(name).c_str(), req, &duration);
-                const std::string where = std::string(name) + " target " + std::to_string(t.width) + "x" +
-                                          std::to_string(t.height) + (by_ratio ? " ratio" : " time");
+                const std::string where = "target " + std::to_string(t.width) + "x" + std::to_string(t.height) +
+                                          (by_ratio ? " ratio" : " time");
                 ASSERT_NE(picture, nullptr) << where;
                 EXPECT_TRUE(duration.num == movie->duration && duration.den == 1000000) << where;
                 EXPECT_TRUE(picture->divider == d && picture->src_width == sw) << where << " divided by " << picture->divider;
                 EXPECT_TRUE(picture->width == (d > 1 ? round_up(sw / d, 16) : sw) && picture->height == (d > 1 ? round_up(sh / d, 2) : sh))
                     << where << ": " << picture->width << "x" << picture->height;
-                const long long ts = time_to_timestamp(wanted, v.stream->time_base) + start;
-                EXPECT_EQ(testmedia::picture_index(*picture), testsupport::expect_down(v, ts).index) << where;
+                const long long ts = time_to_timestamp(wanted, st->time_base) + start;
+                EXPECT_EQ(testmedia::picture_index(*picture), last_at_or_before(frames, ts, false)->index) << where;
             }
             ++turn;
+        }
+
+        // Filmstrips are for videos, not for an audio file's cover picture.
+        for (bool fast : {false, true}) {
+            if (std::string(name) == "mp3_cover.mp3") break;
+            SCOPED_TRACE(fast ? "fast strip" : "exact strip");
+            RequireFilmstrip req;
+            req.count = 6;
+            req.width = 160;
+            req.fast = fast;
+            const std::vector<FilmstripPicture> strip = getFilmstrip(testmedia::path(name).c_str(), req);
+            ASSERT_EQ(strip.size(), 6u);
+            const Rational duration = st->duration != kNoPts ? timestamp_to_time(st->duration, st->time_base)
+                                                             : Rational(movie->duration, 1000000);  // a still picture
+            for (int i = 0; i < 6; ++i) {
+                const FilmstripPicture& p = strip[i];
+                EXPECT_EQ(p.asked, duration * Rational(2 * i + 1, 12));
+                const Shown* want = last_at_or_before(frames, start + time_to_timestamp(p.asked, st->time_base), fast);
+                ASSERT_TRUE(want && p.picture) << i;
+                EXPECT_EQ(testmedia::picture_index(*p.picture), want->index) << i;
+                EXPECT_EQ(p.picture->width, 160) << i;
+                EXPECT_EQ(time_to_timestamp(p.shown, Rational(1, 1000000)),
+                          av_rescale_q(want->pts - start, rational_convert(st->time_base), AVRational{1, 1000000}))
+                    << i;
+            }
         }
     }
 }
 
 TEST(Thumbnail, FailuresLeaveOrSetTheDurationAsDocumented) {
-    testmedia::LogCapture log;
     const std::string missing = testmedia::path("no_such_file.mp4"), header = testmedia::path("header_only.mp4");
     const MovieCtx* header_movie = FFDecoder::probe(header.c_str(), nullptr);
     std::atomic<bool> cancel{true};
@@ -99,15 +165,18 @@ TEST(Thumbnail, FailuresLeaveOrSetTheDurationAsDocumented) {
         {testmedia::path("aac.m4a"), nullptr, FFDecoder::probe(testmedia::path("aac.m4a").c_str(), nullptr)->duration},
         {header, nullptr, header_movie ? header_movie->duration : -1},  // a video without frames
         {testmedia::path("h264_cfr.mp4"), &cancel, 4000000}};
+    std::string logged;
     for (const auto& r : rows) {
         Rational duration(7, 3);
         RequireMvImage req = request(0, 0);
         req.cancel = r.cancel;
-        EXPECT_EQ(getMovieImage(r.file.c_str(), req, &duration), nullptr) << r.file;
+        std::shared_ptr<VFrameCtx> picture;
+        logged += testsupport::stdout_of([&] { picture = getMovieImage(r.file.c_str(), req, &duration); });
+        EXPECT_EQ(picture, nullptr) << r.file;
         EXPECT_TRUE(r.duration < 0 ? duration.num == 7 && duration.den == 3
                                    : duration.num == r.duration && duration.den == 1000000) << r.file;
     }
-    EXPECT_TRUE(testsupport::contains(log.take(), "\"@@获取视频封面和信息失败：" + missing + "\"\n"));
+    EXPECT_TRUE(testsupport::contains(logged, "\"@@获取视频封面和信息失败：" + missing + "\"\n"));
     Rational untouched(7, 3);
     EXPECT_EQ(getMovieImage(nullptr, request(0, 0), &untouched), nullptr);
     EXPECT_EQ(untouched.num, 7);
