@@ -16,6 +16,10 @@ scripts/build.sh build-coverage -DCMAKE_BUILD_TYPE=Debug -DCLIPDEC_BUILD_BENCH=O
   "-DCMAKE_SHARED_LINKER_FLAGS=--coverage" "-DCMAKE_MODULE_LINKER_FLAGS=--coverage" >/dev/null
 find build-coverage -name '*.gcda' -delete
 ctest --test-dir build-coverage -j "$(nproc 2>/dev/null || echo 2)" --timeout 1200 --output-on-failure >/dev/null
+# The per-file report goes to a file of the tree: gcovr replaces its output
+# file instead of writing into it, so given /dev/null it would put a regular
+# file in the device's place.
 gcovr --root "$root" --filter "$root/src/" --object-directory build-coverage \
-  --exclude-directories '.*/CMakeFiles/[0-9.]+/.*' --print-summary --txt /dev/null
+  --exclude-directories '.*/CMakeFiles/[0-9.]+/.*' --print-summary --txt build-coverage/coverage.txt
+echo "per file: build-coverage/coverage.txt"
 scripts/test_ratio.py
