@@ -33,17 +33,12 @@ Frame make_frame(long long pts) {
 
 long long target_of(long long ts, bool next) { return next ? ts + 1 : ts; }
 constexpr long long kThrowing = 700;  // a job for this ts throws, as one out of memory would
+constexpr long long kBarren = 90;  // a job for this ts ends without a frame
 
 // Workers the pool deleted, and misuse seen: kept outside the fakes because the pool deletes what it removes.
 struct Tracker {
-    std::mutex m;
-    std::vector<int> gone;
+    std::vector<int> gone;  // written where a removal runs; read once the requests that ran it returned
     std::atomic<int> misused{0};  // a job started on a busy worker or unlocked, or a worker deleted in use
-
-    std::vector<int> gone_ids() {
-        std::lock_guard<std::mutex> lock(m);
-        return gone;
-    }
 };
 
 // The scheduler counts a job under the worker's mutex before it runs it.
@@ -58,14 +53,12 @@ public:
     ~FakeWorker() override {
         // remove_worker locks and unlocks `mutex` before deleting: plain reads suffice.
         if (in_job.load() || busy || reserved_by != 0 || waiters != 0) ++tracker.misused;
-        std::lock_guard<std::mutex> lock(tracker.m);
         tracker.gone.push_back(id);
     }
 
     // Test-controlled state, guarded by `mutex`.
     std::map<long long, Frame> held;
     long long arrive_hi = -1;  // will_contain(ts) for ts <= arrive_hi
-    long long barren = -1;  // a job for this ts ends without a frame
     bool broken = false;
     Gate* before_append = nullptr;
     Gate* after_append = nullptr;
@@ -97,7 +90,7 @@ public:
         };
         if (before_append) pause(before_append);
         Frame answer;
-        if (ts != barren) {
+        if (ts != kBarren) {
             held[target_of(ts, next)] = answer = make_frame(target_of(ts, next));
             cond.notify_all();
         }
@@ -240,18 +233,17 @@ TEST(SchedulerWait, WaiterGetsFrameTakesOverOrGivesUpWhenCancelled) {
         Pool p;
         FakeWorker* busy = p.add([&](FakeWorker& x) {
             x.arrive_hi = c.only_chosen ? -1 : 200;
-            x.barren = 90;
             x.before_append = &gate;
             x.after_append = &finish;
         });
         const Counts c0 = Counts::now();
-        Async a(p.sched, c.barren ? 90 : 100, 1);
+        Async a(p.sched, c.barren ? kBarren : 100, 1);
         wait_jobs(c0, 1);
         p.add([&](FakeWorker& x) {  // idle: empty, or on its way to the frame
             if (c.only_chosen) x.hold(50), x.arrive_hi = 200;
         });
         std::atomic<bool> cancel{false};
-        Async b(p.sched, 100, 2, &cancel);
+        Async b(p.sched, 100, 2, c.only_chosen ? nullptr : &cancel);  // one waits with no flag at all
         wait_until([&] { return waiters_of(busy) > 0 || c0.since().jobs > 1; }, "request never waited");
         Frame fb;
         const std::string out = testsupport::stdout_of([&] {
@@ -303,9 +295,9 @@ TEST(SchedulerRemoval, RemovesOnlyTheLeastRecentlyUsedIdleWorker) {
         });
         entered.wait();
         p.sched.remove_worker(busy, true);  // only that one, and it is in use
-        EXPECT_TRUE(p.t.gone_ids().empty());
+        EXPECT_TRUE(p.t.gone.empty());
         for (int i = 0; i < 4; ++i) p.sched.remove_worker(nullptr, true);  // the fourth finds none: deferred
-        EXPECT_EQ(p.t.gone_ids(), (std::vector<int>{broken, lru, recent}));
+        EXPECT_EQ(p.t.gone, (std::vector<int>{broken, lru, recent}));
         EXPECT_EQ(p.sched.worker_count(), 4u);
         leave.open();
         holder.join();
@@ -314,7 +306,7 @@ TEST(SchedulerRemoval, RemovesOnlyTheLeastRecentlyUsedIdleWorker) {
         // on the first empty worker it may take (not the reserved one).
         const int busy_id = busy->id;
         EXPECT_EQ(pts(p.get(10, 1)), 10);
-        EXPECT_EQ(p.t.gone_ids(), (std::vector<int>{broken, lru, recent, busy_id}));
+        EXPECT_EQ(p.t.gone, (std::vector<int>{broken, lru, recent, busy_id}));
         with_lock(awaited, [](FakeWorker& x) { EXPECT_EQ(x.jobs, 1); });
         with_lock(reserved, [](FakeWorker& x) { x.reserved_by = 0; });
     }
@@ -330,10 +322,10 @@ TEST(SchedulerRemoval, RemovesOnlyTheLeastRecentlyUsedIdleWorker) {
         wait_jobs(c0, 2);  // on the second worker: the first one's job is held
         p.sched.remove_worker(nullptr, true);
         EXPECT_EQ(p.sched.worker_count(), 2u);
-        EXPECT_TRUE(p.t.gone_ids().empty());
+        EXPECT_TRUE(p.t.gone.empty());
         gate.open();
         EXPECT_EQ(pts(a.get()) + pts(c.get()), 30);
         EXPECT_EQ(p.sched.worker_count(), 1u);
-        EXPECT_EQ(p.t.gone_ids().size(), 1u);
+        EXPECT_EQ(p.t.gone.size(), 1u);
     }
 }
