@@ -19,6 +19,7 @@ extern "C" {
 
 using namespace ff;
 using testsupport::Counts;
+using testsupport::index_at;
 using testsupport::stdout_of;
 
 namespace {
@@ -188,10 +189,6 @@ TEST(Probe, FirstPictureAfterAProbeDecodesNothingTwice) {
     const Counts before = Counts::now();
     const MovieCtx* mv = FFDecoder::probe(fresh_copy("h264_cfr.mp4", "parked").c_str(), nullptr);
     ASSERT_TRUE(mv && parked.size() == 1u);
-    auto index_at = [](FFDecoder& dec, Rational t) {
-        const auto picture = dec.getVideoFrame(RequireVideoFrame{t, PF_RGBA, 1, nullptr});
-        return picture ? testmedia::picture_index(*picture) : -1;
-    };
     {
         FFDecoder dec;
         ASSERT_TRUE(dec.open(mv->streams[mv->video_indexes[0]]));
