@@ -2,7 +2,6 @@
 // its setters, and the clip-to-stream time mapping observed on real frames
 // (video frames show their index as bars, lossless audio is a ramp, the AAC
 // files carry a 440 Hz tone whose pitch must survive a tempo change).
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>

@@ -5,8 +5,6 @@
 // over many decoders are the public stress test's.
 #include <random>
 
-#include "ffdec_instance.h"
-#include "ff_ptr.h"
 #include "ffdecoder_private.h"
 #include "scheduler.h"
 #include "support.h"

@@ -1,18 +1,14 @@
 // The filter graphs: source arguments, building and rebuilding, refusals and
 // failures with their reports, and frames through video and audio chains
 // (pictures that show their index, samples that carry the ramp).
-#include <gtest/gtest.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <string>
 
 #include "ff_compat.h"  // and with it FFmpeg's log, pixel and sample formats
-#include "ff_ptr.h"
-#include "ffdec_instance.h"
 #include "ffmpeg_error.h"
 #include "filter_mgr.h"
-#include "frame_helpers.h"
 #include "support.h"
 
 using namespace ff;

@@ -1,15 +1,12 @@
 // This machine has no GPU: every device type FFmpeg lists must fail to open
 // and leave decoding in software, with identical frames.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <tuple>
 
-#include "ff_ptr.h"
 #include "ff_tools.h"
-#include "ffdec_instance.h"
 #include "hw/hw_decoder.h"
 #include "support.h"
 

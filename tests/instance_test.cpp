@@ -3,8 +3,6 @@
 // and without a flush; packets and subtitles; failures that are logged and
 // leave nothing broken. Audio samples through the instance are checked whole
 // by the audio exactness tests.
-#include "ff_ptr.h"
-#include "ffdec_instance.h"
 #include "support.h"
 
 using namespace ff;

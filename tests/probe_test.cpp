@@ -1,7 +1,6 @@
 // The probe: what it says of every kind of file (stream counts, kinds, sizes,
 // rates and lengths, measured where the container only guesses), its cache,
 // its failures, the angle of a rotated picture, and the decoding it hands on.
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>

@@ -2,6 +2,8 @@
 // should show at a timestamp (from one plain decode), ramp checks for the
 // position-coded audio, decode-counter deltas, captured output, and a gate, a
 // barrier and a bounded wait for tests that order threads.
+// Including it brings GoogleTest, media.h and the library's decoder, instance
+// and counter headers: a test file includes only what it needs beyond those.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -2,7 +2,6 @@
 // test set gives at a time and at a fraction of its duration and the
 // filmstrips it gives (checked against a plain sequential decode), the
 // reported duration, the failures, the cache, and upright pictures.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -10,12 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "decode_counters.h"
 #include "support.h"
 #include "ff_tools.h"
-#include "ffdecoder.h"
 #include "filmstrip.h"
-#include "media.h"
 #include "rational_convert.h"
 #include "thumbnail_cache.h"
 #include "utils/mempool.h"
@@ -210,7 +206,6 @@ TEST(Thumbnail, TheSameRequestAgainIsAnsweredWithoutDecoding) {
     EXPECT_LE(bg::mempool::stats().handed_out_bytes + 28 * static_cast<size_t>(held->size), handed_out);
     EXPECT_EQ(testmedia::picture_index(*held), testmedia::picture_index(*getMovieImage(video.c_str(), req, nullptr)));
 }
-
 
 TEST(UprightImage, EveryOrientationPlacesEachPixelWhereADisplayShowsIt) {
     // A 3x2 RGBA picture whose red channel numbers its pixels:  0 1 2
