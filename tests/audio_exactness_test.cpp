@@ -2,7 +2,6 @@
 // stream's, new runs and contiguous runs match a conversion of the whole
 // stream; a speed change's first run seeks like any other; irregular AAC
 // timestamps place the same samples at a position whichever way it is reached.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>

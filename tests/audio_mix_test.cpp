@@ -1,7 +1,6 @@
 // Sample-level mixing and peak metering in every layout, and the mixer's
 // cycles: sample clock, FIFO carry-over, volumes and clipping per source,
 // buffer reuse, misuse.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cfloat>
@@ -12,7 +11,6 @@
 
 #include "audio_mixer.h"
 #include "audio_mixer_private.h"
-#include "frame_helpers.h"
 #include "support.h"
 
 using namespace ff;

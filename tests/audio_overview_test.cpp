@@ -1,7 +1,6 @@
 // The waveform overview against a plain FFmpeg decode of the same file: every
 // bucket's minimum, maximum and RMS per channel, the buckets cut at rounded
 // sample positions and tiling the stream exactly, cancel, and the cache.
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <vector>

@@ -4,7 +4,6 @@
 // shows, sample count, format, the samples themselves). A failing row must say
 // why in exactly one line on standard error, naming the tool.
 #ifdef CLIPDEC_TOOL
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <algorithm>

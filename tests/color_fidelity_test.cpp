@@ -1,7 +1,6 @@
 // Pictures as their sources show them: every matrix and range (also in YUV
 // output), alpha, and fine chroma detail above 8 bits, over the colour media of
 // scripts/gen_color_media.sh (whose patch table is repeated here).
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdlib>

@@ -2,7 +2,6 @@
 // its setters, and the clip-to-stream time mapping observed on real frames
 // (video frames show their index as bars, lossless audio is a ramp, the AAC
 // files carry a 440 Hz tone whose pitch must survive a tempo change).
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
@@ -15,17 +14,11 @@
 
 using namespace ff;
 using testsupport::contains;
+using testsupport::index_at;
 using testsupport::stderr_of;
 using testsupport::stream_of;
 
 namespace {
-
-// The index shown at clip time num/den, or -1 when there is no picture.
-int index_at(FFDecoder2& dec, long long num, long long den) {
-    const auto p = dec.getVideoFrame(RequireVideoFrame{Rational(num, den), PF_RGBA, 1, nullptr});
-    if (!p || p->format != AV_PIX_FMT_RGBA) return -1;
-    return testmedia::picture_index(*p);
-}
 
 // What a mirrored picture of `index` reads as: the bars in reverse order.
 int mirrored(int index) {
@@ -104,7 +97,7 @@ TEST(Decoder2Video, ClipTimesMapThroughSpeedAndReverse) {
         const std::string err = stderr_of([&] { EXPECT_TRUE(dec.setSpeed(s.speed)); });
         EXPECT_TRUE(contains(err, "[filter] type=0, *****-> \nclose filter: \n")) << "pictures need no filter: " << err;
         dec.setRevert(s.reverse);
-        EXPECT_EQ(index_at(dec, s.num, s.den), s.want) << s.speed << (s.reverse ? " reverse at " : " at ") << s.num
+        EXPECT_EQ(index_at(dec, {s.num, s.den}), s.want) << s.speed << (s.reverse ? " reverse at " : " at ") << s.num
                                                        << "/" << s.den;
     }
 }
@@ -126,7 +119,7 @@ TEST(Decoder2Video, ReversePlaybackGivesTheFramesForwardPlaybackGives) {
         // Clip time c reads stream time 12 s - speed * c: frame 299 - speed * n
         // at c = (speed * n + 1) / (25 * speed).
         for (int n = 0; speed * n < frames; ++n)
-            ASSERT_EQ(index_at(dec, speed * n + 1, 25 * speed), frames - 1 - speed * n) << n;
+            ASSERT_EQ(index_at(dec, {speed * n + 1, 25 * speed}), frames - 1 - speed * n) << n;
         EXPECT_LT(before.since().frames, 2u * frames);
     }
 }
@@ -137,18 +130,18 @@ TEST(Decoder2Video, UserFiltersMirrorThePictureUntilRemoved) {
     ASSERT_TRUE(dec.open(video));
     const std::string err = stderr_of([&] { EXPECT_TRUE(dec.setFilters("hflip")); });
     EXPECT_TRUE(contains(err, "open filter: hflip\n")) << err;
-    EXPECT_EQ(index_at(dec, 1, 1), mirrored(25));
+    EXPECT_EQ(index_at(dec, {1, 1}), mirrored(25));
     // Speed maps the time and keeps the user's filter.
     ASSERT_TRUE(dec.setSpeed(2.0));
-    EXPECT_EQ(index_at(dec, 1, 1), mirrored(50));
+    EXPECT_EQ(index_at(dec, {1, 1}), mirrored(50));
     ASSERT_TRUE(dec.setSpeed(1.0) && dec.setFilters(nullptr));
-    EXPECT_EQ(index_at(dec, 1, 1), 25);
+    EXPECT_EQ(index_at(dec, {1, 1}), 25);
     // pri_setFilters replaces the whole text without storing it: a rebuild
     // at speed 1 goes back to the stored (empty) text.
     ASSERT_TRUE(dec.pri_setFilters("hflip"));
-    EXPECT_EQ(index_at(dec, 2, 1), mirrored(50));
+    EXPECT_EQ(index_at(dec, {2, 1}), mirrored(50));
     ASSERT_TRUE(dec.setSpeed(1.0));
-    EXPECT_EQ(index_at(dec, 2, 1), 50);
+    EXPECT_EQ(index_at(dec, {2, 1}), 50);
 
     // Pictures that arrive in another format than the stream said get a
     // graph built for them: the same picture as from the true description.

@@ -1,7 +1,6 @@
 // The host's decoder: pictures at any time, audio in exactly the requested
 // spans (contiguous runs without drift, late starts as silence), positioning,
 // request numbering and the never-opened decoder.
-#include <gtest/gtest.h>
 
 #include <memory>
 #include <random>

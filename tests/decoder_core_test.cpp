@@ -5,13 +5,12 @@
 // over many decoders are the public stress test's.
 #include <random>
 
-#include "ffdec_instance.h"
-#include "ff_ptr.h"
 #include "ffdecoder_private.h"
 #include "scheduler.h"
 #include "support.h"
 
 using namespace ff;
+using testsupport::index_of;
 using testsupport::VideoUnderTest;
 
 namespace {
@@ -19,7 +18,6 @@ namespace {
 std::shared_ptr<AVFrame> frame_after(FFDecoderPrivate& d, long long t) {
     return g_decoder_mgr.pool_of(d.stream)->do_working(t, nullptr, true, d.id, d.name);
 }
-int index_of(const std::shared_ptr<AVFrame>& f) { return f ? testmedia::frame_index(f.get()) : -1; }
 
 }  // namespace
 
@@ -99,15 +97,14 @@ TEST(DecoderCore, AudioIsResampledExactlyAndTheResamplerReused) {
     const StreamCtx* wav = testsupport::stream_of("pcm_s16.wav", STREAM_AUDIO);
     FFDecoderPrivate d;
     ASSERT_TRUE(d.open(wav));
-    Instance source;
-    ASSERT_TRUE(source.open(testmedia::path("pcm_s16.wav").c_str(), 0));
-    UniqueAVPacket pkt = make_packet();
-    UniqueAVFrame frame = make_frame();
+    testsupport::InstanceDecoding source("pcm_s16.wav");
+    ASSERT_TRUE(source.ok);
+    const UniqueAVFrame& frame = source.frame;
 
     const RequireAudioFrame s16 = testsupport::audio_request({0, 1}, {1, 1}, SF_S16, 48000);
     int64_t n = 0;
     SwrContext* first = nullptr;
-    for (int k = 0; k < 10 && source.get_frame(pkt.get(), frame.get()) >= 0; ++k, n += frame->nb_samples) {
+    for (int k = 0; k < 10 && source.next() >= 0; ++k, n += frame->nb_samples) {
         const auto same = d.convert_to_dst_aframe(frame.get(), s16);
         ASSERT_NE(same, nullptr);
         if (!first) first = d.swr;
@@ -119,7 +116,7 @@ TEST(DecoderCore, AudioIsResampledExactlyAndTheResamplerReused) {
     req.format = SF_FLT;
     for (int rate : {48000, 44100}) {
         req.sample_rate = rate;
-        ASSERT_GE(source.get_frame(pkt.get(), frame.get()), 0);
+        ASSERT_GE(source.next(), 0);
         const auto f = d.convert_to_dst_aframe(frame.get(), req);
         ASSERT_NE(f, nullptr);
         EXPECT_TRUE(d.swr_dst_format == SF_FLT && d.swr_dst_rate == rate && f->sample_rate == rate);

@@ -7,13 +7,13 @@
 
 using namespace ff;
 using testsupport::Counts;
+using testsupport::index_of;
 using testsupport::stream_of;
 
 namespace {
 
 constexpr long long kFrame = 512;  // h264_cfr.mp4: 25 fps in 1/12800
 
-int index_of(const std::shared_ptr<AVFrame>& f) { return f ? testmedia::frame_index(f.get()) : -1; }
 
 // A request as the scheduler makes it: the task's mutex handed over.
 std::shared_ptr<AVFrame> ask(FFDec_Task& task, long long t, FFDec_Task::Ts_ROUND r = FFDec_Task::ROUND_DOWN,

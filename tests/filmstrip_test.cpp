@@ -1,7 +1,6 @@
 // Filmstrips: fast mode decodes key frames only, and the requests that give
 // no strip. The pictures of every video file's strips are checked with the
 // thumbnails (Thumbnail.EveryVideoFileGivesThePredictedPicturesAndFilmstrips).
-#include <gtest/gtest.h>
 
 #include <vector>
 

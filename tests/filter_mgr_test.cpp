@@ -1,18 +1,14 @@
 // The filter graphs: source arguments, building and rebuilding, refusals and
 // failures with their reports, and frames through video and audio chains
 // (pictures that show their index, samples that carry the ramp).
-#include <gtest/gtest.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <string>
 
 #include "ff_compat.h"  // and with it FFmpeg's log, pixel and sample formats
-#include "ff_ptr.h"
-#include "ffdec_instance.h"
 #include "ffmpeg_error.h"
 #include "filter_mgr.h"
-#include "frame_helpers.h"
 #include "support.h"
 
 using namespace ff;
@@ -39,18 +35,6 @@ CodecContext audio_cc(int sample_fmt, uint64_t layout, int channels) {
     return {STREAM_AUDIO, 1, 48000, -1, 0, 0, 0, 0, sample_fmt, layout, channels, 48000};
 }
 const CodecContext kStereo = audio_cc(AV_SAMPLE_FMT_FLTP, 3, 2);
-
-// Sequential decoding of one stream, each frame as the cache would share it.
-struct Decoding {
-    Decoding(const char* file, int stream_index) { inst.open(testmedia::path(file).c_str(), stream_index); }
-    std::shared_ptr<AVFrame> next() {
-        if (inst.get_frame(pkt.get(), frame.get()) < 0) return {};
-        return create_avframe_ptr(av_frame_clone(frame.get()));
-    }
-    Instance inst;  // a failed open shows as no frames
-    UniqueAVPacket pkt = make_packet();
-    UniqueAVFrame frame = make_frame();
-};
 
 // "<source name>/<filter> <sink name>/<filter>" of a built graph.
 std::string ends(const AVFilterMgr& mgr) {
@@ -140,11 +124,11 @@ TEST(FilterVideo, ChainsGiveTheirPictureFailedPushesKeepItAndEofDrains) {
     AvLogCapture avlog;
     AVFilterMgr mgr;  // rebuilt for each chain: the sanitizer build reports any graph left behind
     for (const auto& c : chains) {
-        Decoding dec("h264_cfr.mp4", 0);
+        testsupport::InstanceDecoding dec("h264_cfr.mp4");
         ASSERT_EQ(mgr.init_filters(&kVideo, c.descr), 0) << c.descr;
         ASSERT_EQ(ends(mgr), "in/buffer out/buffersink");
         for (int i = 0; i < 12; ++i) {
-            std::shared_ptr<AVFrame> f = dec.next();
+            std::shared_ptr<AVFrame> f = dec.next_shared();
             ASSERT_TRUE(f);
             const std::shared_ptr<AVFrame> cached = f;
             const std::string digest = testmedia::picture_digest(cached.get());
@@ -163,8 +147,8 @@ TEST(FilterVideo, ChainsGiveTheirPictureFailedPushesKeepItAndEofDrains) {
     // Without a graph, and with one the frame does not fit, a push fails,
     // logs, and leaves the frame; at the end of the input the sink drains.
     mgr.uninit();
-    Decoding dec("h264_cfr.mp4", 0);
-    std::shared_ptr<AVFrame> f = dec.next();
+    testsupport::InstanceDecoding dec("h264_cfr.mp4");
+    std::shared_ptr<AVFrame> f = dec.next_shared();
     ASSERT_TRUE(f);
     const AVFrame* input = f.get();
     int ret = 0;
@@ -183,7 +167,7 @@ TEST(FilterVideo, ChainsGiveTheirPictureFailedPushesKeepItAndEofDrains) {
     EXPECT_EQ(push(&mgr, f).rfind(line, 0), 0u);
     EXPECT_TRUE(ret < 0 && f.get() == input);
     ASSERT_EQ(mgr.init_filters(&kVideo, "null"), 0);
-    f = dec.next();
+    f = dec.next_shared();
     EXPECT_EQ(push(&mgr, f), "");
     ASSERT_EQ(ret, 0);
     std::shared_ptr<AVFrame> end;

@@ -1,6 +1,5 @@
 // The file-system layer on UTF-8 names (paths as pasted, ids, directories,
 // renames, the scratch directory) and the group of per-plane wave files.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -1,15 +1,12 @@
 // This machine has no GPU: every device type FFmpeg lists must fail to open
 // and leave decoding in software, with identical frames.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <tuple>
 
-#include "ff_ptr.h"
 #include "ff_tools.h"
-#include "ffdec_instance.h"
 #include "hw/hw_decoder.h"
 #include "support.h"
 
@@ -19,13 +16,10 @@ using testsupport::contains;
 
 namespace {
 
-std::vector<std::string> decode_digests(const std::string& file) {
+std::vector<std::string> decode_digests(const char* name) {
     std::vector<std::string> digests;
-    Instance inst;
-    UniqueAVPacket pkt = make_packet();
-    UniqueAVFrame frame = make_frame();
-    if (!inst.open(file.c_str(), 0)) return digests;
-    while (inst.get_frame(pkt.get(), frame.get()) >= 0) digests.push_back(testmedia::picture_digest(frame.get()));
+    testsupport::InstanceDecoding d(name);
+    while (d.next() >= 0) digests.push_back(testmedia::picture_digest(d.frame.get()));
     return digests;
 }
 
@@ -92,7 +86,7 @@ TEST(HwDecoder, ListsChoosesRefusesAndDisablesDeviceTypes) {
 }
 
 TEST(HwDecoder, UnusableDeviceFallsBackToIdenticalSoftwareFrames) {
-    const std::string file = testmedia::path("h264_cfr.mp4");
+    const char* file = "h264_cfr.mp4";
     const std::vector<std::string> software = decode_digests(file);
     ASSERT_EQ(software.size(), 100u);
     const std::vector<const char*> types = hw_enum_devices();

@@ -3,25 +3,11 @@
 // and without a flush; packets and subtitles; failures that are logged and
 // leave nothing broken. Audio samples through the instance are checked whole
 // by the audio exactness tests.
-#include "ff_ptr.h"
-#include "ffdec_instance.h"
 #include "support.h"
 
 using namespace ff;
 
-namespace {
-
-struct Opened {
-    Instance inst;
-    UniqueAVPacket pkt = make_packet();
-    UniqueAVFrame frame = make_frame();
-    bool ok;
-    explicit Opened(const char* name, int stream = 0) : ok(inst.open(testmedia::path(name).c_str(), stream)) {}
-    int next() { return inst.get_frame(pkt.get(), frame.get()); }
-    int index() const { return testmedia::frame_index(frame.get()); }
-};
-
-}  // namespace
+using Opened = testsupport::InstanceDecoding;
 
 TEST(Instance, DecodesEveryFrameInOrderThenEndsUntilASeek) {
     Opened o("h264_cfr.mp4");

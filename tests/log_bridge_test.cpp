@@ -2,7 +2,6 @@
 // needs a particular environment re-runs this test binary as a child process
 // with a filter selecting one "Child" test; that test skips itself when it is
 // not running as such a child.
-#include <gtest/gtest.h>
 
 #include <unistd.h>
 

@@ -124,7 +124,7 @@ std::vector<RefFrame> reference_decode(const std::string& file, int stream_index
     PlainDecoding d;
     if (!d.open(file, AVMEDIA_TYPE_UNKNOWN, stream_index)) return frames;
     d.each_frame([&](AVFrame* frame) {
-        frames.push_back({frame->best_effort_timestamp, frame_index(frame)});
+        frames.push_back({frame->best_effort_timestamp, frame_index(frame), frame->key_frame != 0});
         return true;
     });
     return frames;

@@ -43,6 +43,7 @@ std::string picture_digest(const AVFrame* frame);
 struct RefFrame {
     int64_t pts;  // best-effort timestamp, stream time base
     int index;    // the index the picture shows
+    bool key = false;
 };
 
 // A plain sequential FFmpeg decode of one stream of a file: what the tests

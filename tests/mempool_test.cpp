@@ -3,7 +3,6 @@
 // frame records built on it: format codes both ways, the image divider of each
 // memory mode, audio frames and records laid out as asked, the pool block a
 // record returns once.
-#include <gtest/gtest.h>
 
 #include <array>
 #include <atomic>
@@ -18,7 +17,6 @@ extern "C" {
 
 #include "ff_compat.h"
 #include "ff_tools.h"
-#include "frame_helpers.h"
 #include "support.h"
 #include "utils/mempool.h"
 #include "utils/mempool_testing.h"

@@ -1,7 +1,6 @@
 // The probe: what it says of every kind of file (stream counts, kinds, sizes,
 // rates and lengths, measured where the container only guesses), its cache,
 // its failures, the angle of a rotated picture, and the decoding it hands on.
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
@@ -19,6 +18,7 @@ extern "C" {
 
 using namespace ff;
 using testsupport::Counts;
+using testsupport::index_at;
 using testsupport::stdout_of;
 
 namespace {
@@ -188,10 +188,6 @@ TEST(Probe, FirstPictureAfterAProbeDecodesNothingTwice) {
     const Counts before = Counts::now();
     const MovieCtx* mv = FFDecoder::probe(fresh_copy("h264_cfr.mp4", "parked").c_str(), nullptr);
     ASSERT_TRUE(mv && parked.size() == 1u);
-    auto index_at = [](FFDecoder& dec, Rational t) {
-        const auto picture = dec.getVideoFrame(RequireVideoFrame{t, PF_RGBA, 1, nullptr});
-        return picture ? testmedia::picture_index(*picture) : -1;
-    };
     {
         FFDecoder dec;
         ASSERT_TRUE(dec.open(mv->streams[mv->video_indexes[0]]));

@@ -2,6 +2,8 @@
 // should show at a timestamp (from one plain decode), ramp checks for the
 // position-coded audio, decode-counter deltas, captured output, and a gate, a
 // barrier and a bounded wait for tests that order threads.
+// Including it brings GoogleTest, media.h and the library's decoder, instance
+// and counter headers: a test file includes only what it needs beyond those.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,7 +19,9 @@
 #include <vector>
 
 #include "decode_counters.h"
+#include "ffdec_instance.h"
 #include "ffdecoder.h"
+#include "frame_helpers.h"
 #include "media.h"
 #include "movie_info.h"
 
@@ -182,6 +186,36 @@ private:
     std::mutex mutex_;
     std::condition_variable cv_;
     int count_, waiting_ = 0, generation_ = 0;
+};
+
+// The index an RGBA picture shows; -1 without a picture or in another format.
+inline int index_of(const std::shared_ptr<ff::VFrameCtx>& p) {
+    return p && p->format == AV_PIX_FMT_RGBA ? testmedia::picture_index(*p) : -1;
+}
+// The index a decoded frame shows, or -1 without a frame.
+inline int index_of(const std::shared_ptr<AVFrame>& f) { return f ? testmedia::frame_index(f.get()) : -1; }
+
+// The index of the full-size RGBA picture a decoder shows at `t`, or -1.
+template <typename Decoder>
+int index_at(Decoder& dec, ff::Rational t) {
+    return index_of(dec.getVideoFrame(ff::RequireVideoFrame{t, ff::PF_RGBA, 1, nullptr}));
+}
+
+// One stream of a generated file decoded in order by the library's own
+// instance; `ok` says whether it opened.
+struct InstanceDecoding {
+    ff::Instance inst;
+    ff::UniqueAVPacket pkt = ff::make_packet();
+    ff::UniqueAVFrame frame = ff::make_frame();
+    bool ok;
+    explicit InstanceDecoding(const char* name, int stream = 0)
+        : ok(inst.open(testmedia::path(name).c_str(), stream)) {}
+    int next() { return inst.get_frame(pkt.get(), frame.get()); }
+    int index() const { return testmedia::frame_index(frame.get()); }
+    // The next frame as the cache would share it; null at the end.
+    std::shared_ptr<AVFrame> next_shared() {
+        return next() < 0 ? nullptr : ff::create_avframe_ptr(av_frame_clone(frame.get()));
+    }
 };
 
 }  // namespace testsupport

@@ -2,7 +2,6 @@
 // test set gives at a time and at a fraction of its duration and the
 // filmstrips it gives (checked against a plain sequential decode), the
 // reported duration, the failures, the cache, and upright pictures.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -10,12 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "decode_counters.h"
 #include "support.h"
 #include "ff_tools.h"
-#include "ffdecoder.h"
 #include "filmstrip.h"
-#include "media.h"
 #include "rational_convert.h"
 #include "thumbnail_cache.h"
 #include "utils/mempool.h"
@@ -26,30 +22,13 @@ namespace {
 
 int round_up(int v, int m) { return (v + m - 1) / m * m; }
 
-struct Shown {
-    long long pts;
-    int index;
-    bool key;
-};
-
-// Every frame of the stream in presentation order, with its key-frame flag.
-std::vector<Shown> plain_frames(const std::string& file, int stream) {
-    std::vector<Shown> frames;
-    testmedia::PlainDecoding plain;
-    if (!plain.open(file, AVMEDIA_TYPE_VIDEO, stream)) return frames;
-    plain.each_frame([&](AVFrame* f) {
-        frames.push_back({f->best_effort_timestamp, testmedia::frame_index(f), f->key_frame != 0});
-        return true;
-    });
-    std::sort(frames.begin(), frames.end(), [](const Shown& a, const Shown& b) { return a.pts < b.pts; });
-    return frames;
-}
+using testmedia::RefFrame;
 
 // The last frame (or key frame) at or before ts; the first such frame when
 // none is.
-const Shown* last_at_or_before(const std::vector<Shown>& frames, long long ts, bool keys_only) {
-    const Shown* found = nullptr;
-    for (const Shown& f : frames)
+const RefFrame* last_at_or_before(const std::vector<RefFrame>& frames, long long ts, bool keys_only) {
+    const RefFrame* found = nullptr;
+    for (const RefFrame& f : frames)
         if (!keys_only || f.key) {
             if (found && f.pts > ts) break;
             found = &f;
@@ -94,10 +73,10 @@ TEST(Thumbnail, EveryVideoFileGivesThePredictedPicturesAndFilmstrips) {
         {160, 120, 2, 1}, {100, 0, 4, 1}, {0, 50, 5, 2}, {0, 0, 1, 1}};
     for (const char* name : files) {
         SCOPED_TRACE(name);
-        const StreamCtx* st = testsupport::stream_of(name, STREAM_VIDEO);
-        ASSERT_TRUE(st && st->movie);
-        const std::vector<Shown> frames = plain_frames(testmedia::path(name), st->index);
-        ASSERT_FALSE(frames.empty());
+        const testsupport::VideoUnderTest v = testsupport::load_video(name);
+        const StreamCtx* st = v.stream;
+        const std::vector<RefFrame>& frames = v.reference;  // in presentation order
+        ASSERT_TRUE(st && st->movie && !frames.empty());
         const MovieCtx* movie = st->movie;
         const int sw = st->width, sh = st->height;
         ASSERT_TRUE((sw == 320 && sh == 240) || (sw == 64 && sh == 64)) << sw << "x" << sh;
@@ -142,7 +121,7 @@ TEST(Thumbnail, EveryVideoFileGivesThePredictedPicturesAndFilmstrips) {
             for (int i = 0; i < 6; ++i) {
                 const FilmstripPicture& p = strip[i];
                 EXPECT_EQ(p.asked, duration * Rational(2 * i + 1, 12));
-                const Shown* want = last_at_or_before(frames, start + time_to_timestamp(p.asked, st->time_base), fast);
+                const RefFrame* want = last_at_or_before(frames, start + time_to_timestamp(p.asked, st->time_base), fast);
                 ASSERT_TRUE(want && p.picture) << i;
                 EXPECT_EQ(testmedia::picture_index(*p.picture), want->index) << i;
                 EXPECT_EQ(p.picture->width, 160) << i;
@@ -227,7 +206,6 @@ TEST(Thumbnail, TheSameRequestAgainIsAnsweredWithoutDecoding) {
     EXPECT_LE(bg::mempool::stats().handed_out_bytes + 28 * static_cast<size_t>(held->size), handed_out);
     EXPECT_EQ(testmedia::picture_index(*held), testmedia::picture_index(*getMovieImage(video.c_str(), req, nullptr)));
 }
-
 
 TEST(UprightImage, EveryOrientationPlacesEachPixelWhereADisplayShowsIt) {
     // A 3x2 RGBA picture whose red channel numbers its pixels:  0 1 2
