@@ -41,6 +41,9 @@ TEST(ZoTextTest, TrimAffixFormatAndCase) {
     EXPECT_STREQ(zo::trim_begin2(all, ""), "x");
     EXPECT_EQ(zo::trim_begin2(nullptr, "x"), nullptr);
     EXPECT_STREQ(zo::trim_end2(all, nullptr), "x");
+    char empty[] = "";
+    EXPECT_TRUE(zo::trim_begin2(empty, "x") == empty && zo::trim_begin2(all, nullptr) == all);
+    EXPECT_TRUE(zo::trim_end2(nullptr, "x") == nullptr && zo::trim_end2(all, "") == all);
 
     struct Affix { const char *s, *affix; bool case_sensitive, begins, ends; };
     const Affix affixes[] = {{"Video.MP4", "video", false, true, false}, {"Video.MP4", "video", true, false, false},
@@ -51,6 +54,7 @@ TEST(ZoTextTest, TrimAffixFormatAndCase) {
         EXPECT_EQ(zo::end_width(c.s, c.affix, c.case_sensitive), c.ends) << c.s << " / " << c.affix;
     }
     EXPECT_FALSE(zo::begin_width(nullptr, "", true) || zo::end_width("a", nullptr, false));
+    EXPECT_FALSE(zo::begin_width("a", nullptr, true) || zo::end_width(nullptr, "a", true));
 
     EXPECT_EQ(zo::str_format("%s_%d_%05.1f", "x", -3, 2.5), "x_-3_002.5");
     const std::string big(5000, 'q');  // beyond any first guess of the length
@@ -59,7 +63,7 @@ TEST(ZoTextTest, TrimAffixFormatAndCase) {
     char mixed[] = "MiXeD 123 \xc3\x9c";
     EXPECT_STREQ(zo::str_to_lower(mixed), "mixed 123 \xc3\x9c");
     EXPECT_STREQ(zo::str_to_upper(mixed), "MIXED 123 \xc3\x9c");
-    EXPECT_EQ(zo::str_to_upper(nullptr), nullptr);
+    EXPECT_TRUE(zo::str_to_upper(nullptr) == nullptr && zo::str_to_lower(nullptr) == nullptr);
 
     EXPECT_TRUE(zo::rand_str(0).empty() && zo::rand_str(-5).empty());
     const std::string a = zo::rand_str(8);
@@ -81,6 +85,9 @@ TEST(ZoTextTest, Replace) {
         EXPECT_EQ(zo::str_replace_all_distinct(c[0], c[1], c[2]), c[4]) << c[0] << " / " << c[1];
     }
     EXPECT_EQ(zo::str_replace_all(nullptr, "a", "b"), "");
+    EXPECT_EQ(zo::str_replace_all_distinct(nullptr, "a", "b"), "");
+    EXPECT_EQ(zo::str_replace_all("abc", nullptr, "x"), "abc");
+    EXPECT_EQ(zo::str_replace_all_distinct("abc", nullptr, "x"), "abc");
     // A growing rewrite whose replacements create new matches is followed to
     // its end, however many steps it takes; a runaway one stops, bounded.
     EXPECT_EQ(zo::str_replace_all("aab", "ab", "bba"), "bbbbaa");
@@ -95,7 +102,7 @@ TEST(ZoEncodingTest, Utf8RoundTripAndInvalidInput) {
     EXPECT_EQ(zo::ASCII2Unicode(kUtf8, true), std::wstring(kWide));
     EXPECT_EQ(zo::Unicode2ACSII(kWide, true), kUtf8);
     EXPECT_TRUE(zo::ASCII2Unicode(nullptr, true).empty() && zo::ASCII2Unicode("", false).empty() &&
-                zo::Unicode2ACSII(nullptr, true).empty());
+                zo::Unicode2ACSII(nullptr, true).empty() && zo::Unicode2ACSII(L"", false).empty());
     const std::wstring r(1, static_cast<wchar_t>(0xFFFD));
     const std::pair<const char*, std::wstring> cases[] = {
         {"a\xff" "b", L"a" + r + L"b"}, {"\xc0\xaf", r + r},                      // overlong '/'
@@ -155,6 +162,8 @@ TEST(ZoMd5Test, VectorsPiecesMaskedShortAndFileForms) {
         zo::md5 ctx;  // fed in uneven pieces
         for (size_t pos = 0, step = 1; pos < s.size(); pos += step, step = step * 2 + 1)
             ctx.Update(bytes + pos, static_cast<unsigned int>(std::min(step, s.size() - pos)));
+        ctx.Update(nullptr, 3);  // nothing to add: the digest stays that of the text
+        ctx.Update(bytes, 0);
         ctx.Finalize();
         EXPECT_EQ(take(zo::PrintMD5(ctx.digest)), v[1]);
     }
