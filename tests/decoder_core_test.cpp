@@ -13,14 +13,6 @@ using namespace ff;
 using testsupport::index_of;
 using testsupport::VideoUnderTest;
 
-namespace {
-
-std::shared_ptr<AVFrame> frame_after(FFDecoderPrivate& d, long long t) {
-    return g_decoder_mgr.pool_of(d.stream)->do_working(t, nullptr, true, d.id, d.name);
-}
-
-}  // namespace
-
 class DecoderExactness : public testing::TestWithParam<const char*> {};
 
 TEST_P(DecoderExactness, EveryTimestampGivesTheReferenceFrame) {
@@ -28,6 +20,7 @@ TEST_P(DecoderExactness, EveryTimestampGivesTheReferenceFrame) {
     ASSERT_GT(v.reference.size(), 10u);
     FFDecoderPrivate d;
     ASSERT_TRUE(d.open(v.stream));
+    auto* const pool = g_decoder_mgr.pool_of(v.stream);  // asked directly for the frame after t
 
     const long long second = v.stream->time_base.den / std::max<long long>(v.stream->time_base.num, 1);
     std::vector<long long> times{v.reference.front().pts - 10 * second, v.reference.back().pts + 10 * second};
@@ -41,7 +34,8 @@ TEST_P(DecoderExactness, EveryTimestampGivesTheReferenceFrame) {
         const auto got = d.get_frame(t, nullptr);
         ASSERT_EQ(index_of(got), testsupport::expect_down(v, t).index) << v.name << " down t=" << t;
         ASSERT_EQ(got->pts, testsupport::expect_down(v, t).pts) << v.name << " t=" << t;
-        ASSERT_EQ(index_of(frame_after(d, t)), testsupport::expect_next(v, t).index) << v.name << " next t=" << t;
+        const auto after = pool->do_working(t, nullptr, true, d.id, d.name);
+        ASSERT_EQ(index_of(after), testsupport::expect_next(v, t).index) << v.name << " next t=" << t;
     }
 }
 
@@ -51,8 +45,9 @@ INSTANTIATE_TEST_SUITE_P(AllVideos, DecoderExactness,
 
 // Cache hits, forward decoding and seeks are the task's and the scheduler's
 // tests; here the decoder's own part: the next frame walks on from the last
-// one it delivered, and at the end answers nothing or, asked to, the last again.
-TEST(DecoderCore, TheNextFrameFollowsTheLastDelivered) {
+// one it delivered, and at the end answers nothing or, asked to, the last
+// again; then a frame back is scaled into pooled memory.
+TEST(DecoderCore, TheNextFrameFollowsTheLastDeliveredAndPicturesAreScaledIntoPooledMemory) {
     const VideoUnderTest v = testsupport::load_video("h264_cfr.mp4");
     FFDecoderPrivate d;
     ASSERT_TRUE(d.open(v.stream));
@@ -61,12 +56,7 @@ TEST(DecoderCore, TheNextFrameFollowsTheLastDelivered) {
     EXPECT_EQ(index_of(d.get_next_frame(nullptr, true)), 99);
     EXPECT_EQ(d.get_next_frame(nullptr, false), nullptr);
     EXPECT_EQ(index_of(d.get_next_frame(nullptr, true)), 99);
-}
 
-TEST(DecoderCore, PicturesAreScaledIntoPooledMemory) {
-    const VideoUnderTest v = testsupport::load_video("h264_cfr.mp4");
-    FFDecoderPrivate d;
-    ASSERT_TRUE(d.open(v.stream));
     const auto frame = d.get_frame(v.reference[50].pts, nullptr);
     ASSERT_NE(frame, nullptr);
     RequireVideoFrame req;

@@ -25,10 +25,9 @@ std::shared_ptr<AVFrame> ask(FFDec_Task& task, long long t, FFDec_Task::Ts_ROUND
 }  // namespace
 
 TEST(FFDecTask, WalkThroughCacheForwardSeekAndEnd) {
-    const StreamCtx* sc = stream_of("h264_cfr.mp4", STREAM_VIDEO);
     FFDec_Task task;
     EXPECT_EQ(task.cached_first_ts(), -1);
-    ASSERT_TRUE(task.open(sc));
+    ASSERT_TRUE(task.open(stream_of("h264_cfr.mp4", STREAM_VIDEO)));
     EXPECT_EQ(task.max_frames, 4u);
     EXPECT_EQ(task.ts_per_sec, 12800);
     // STEP: get_next_frame after the last delivered; LAST: the same, repeating the last at the end.

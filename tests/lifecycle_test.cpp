@@ -52,11 +52,7 @@ struct JobHold {
 
 constexpr auto kLimit = std::chrono::seconds(20);  // only against a hang; shorter than the hook's guard
 
-// `work` on another thread; done() is true when it finished within the limit.
-template <typename F>
-auto run_aside(F work) {
-    return std::async(std::launch::async, std::move(work));
-}
+// Work runs aside through std::async; done() is true when it finished within the limit.
 template <typename T>
 bool done(std::future<T>& f) {
     return f.wait_for(kLimit) == std::future_status::ready;
@@ -112,12 +108,12 @@ TEST_F(Video, HeldJobsDelayNoOtherDecoderAndEndWithTheirOwnClose) {
     const size_t before = workers();
     ASSERT_EQ(index_of(c.getVideoFrame(at_ms(0))), 0);
     JobHold hold;
-    auto far = run_aside([&] { return a.getVideoFrame(at_ms(3000)); });
+    auto far = std::async(std::launch::async, [&] { return a.getVideoFrame(at_ms(3000)); });
     JobHold::wait_held(1);
     // b's requests for the frame a's job heads to wait for that job.
     auto waiting = [&](std::atomic<bool>* flag) {
         const testsupport::Counts counts = testsupport::Counts::now();
-        auto answer = run_aside([&b, flag] { return b.getVideoFrame(at_ms(3000, flag)); });
+        auto answer = std::async(std::launch::async, [&b, flag] { return b.getVideoFrame(at_ms(3000, flag)); });
         wait_until([&] { return counts.since().waits > 0; }, "request never waited");
         return answer;
     };
@@ -126,9 +122,9 @@ TEST_F(Video, HeldJobsDelayNoOtherDecoderAndEndWithTheirOwnClose) {
     cancel = true;  // ends the wait, with no answer, while the job still runs
     const bool gave_up = done(cancelled);
     auto cut = waiting(nullptr);
-    auto setter = run_aside([&] { return a.setFilters("hflip"); });
-    auto cached = run_aside([&] { return c.getVideoFrame(at_ms(0)); });
-    auto close = run_aside([&] { b.close(); });  // also ends the second wait
+    auto setter = std::async(std::launch::async, [&] { return a.setFilters("hflip"); });
+    auto cached = std::async(std::launch::async, [&] { return c.getVideoFrame(at_ms(0)); });
+    auto close = std::async(std::launch::async, [&] { b.close(); });  // also ends the second wait
     const bool others_done = gave_up && done(cut) && done(cached) && done(close);
     const bool still_held = JobHold::held.load() == 1;
     JobHold::holding = false;
@@ -143,18 +139,18 @@ TEST_F(Video, HeldJobsDelayNoOtherDecoderAndEndWithTheirOwnClose) {
     EXPECT_NE(index_of(a.getVideoFrame(at_ms(3000))), 75);  // mirrored from now on
     // Held again: only its own close lets it go.
     JobHold::holding = true;
-    auto own = run_aside([&] { return a.getVideoFrame(at_ms(1000)); });
+    auto own = std::async(std::launch::async, [&] { return a.getVideoFrame(at_ms(1000)); });
     JobHold::wait_held(1);
-    auto close_a = run_aside([&] { a.close(); });
+    auto close_a = std::async(std::launch::async, [&] { a.close(); });
     ASSERT_TRUE(done(close_a) && done(own));
     EXPECT_EQ(own.get(), nullptr);
     // An audio request answers nothing or the exact samples decoded so far.
     FFDecoder sound;
     ASSERT_TRUE(sound.open(testsupport::stream_of("pcm_s16.wav", STREAM_AUDIO)));
     const RequireAudioFrame second = testsupport::audio_request({1, 1}, {2, 1}, SF_S16, 48000);
-    auto span = run_aside([&] { return sound.getAudioFrame(second); });
+    auto span = std::async(std::launch::async, [&] { return sound.getAudioFrame(second); });
     JobHold::wait_held(1);
-    auto close_sound = run_aside([&] { sound.close(); });
+    auto close_sound = std::async(std::launch::async, [&] { sound.close(); });
     ASSERT_TRUE(done(close_sound) && done(span));
     const auto answer = span.get();
     EXPECT_TRUE(!answer || testsupport::is_ramp(*answer, 48000));

@@ -20,11 +20,6 @@ using namespace ff;
 
 namespace {
 
-int stress_seconds() {
-    const char* text = std::getenv("CLIPDEC_STRESS_SECONDS");
-    return text && std::atoi(text) > 0 ? std::atoi(text) : 4;
-}
-
 struct Source {
     testsupport::VideoUnderTest video;   // empty stream for the audio ramp
     const StreamCtx* audio = nullptr;
@@ -101,7 +96,8 @@ TEST(PublicStress, ThreadsDecodersRequestsAndReopensNeverDeadlockOrMisanswer) {
     std::vector<Slot> slots(kDecoders);
     for (int i = 0; i < kDecoders; ++i) slots[i].source = &sources[i % 4];
 
-    const int seconds = stress_seconds();
+    const char* length = std::getenv("CLIPDEC_STRESS_SECONDS");
+    const int seconds = length && std::atoi(length) > 0 ? std::atoi(length) : 4;
     testsupport::Watchdog watchdog("public stress", std::chrono::seconds(seconds + 120));
     Tally tally;
     std::atomic<int> serial{0};
