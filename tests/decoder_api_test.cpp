@@ -102,8 +102,7 @@ TEST(DecoderApi, StillsRawStreamsAndDividers) {
     ASSERT_EQ(testsupport::index_of(first), 5);
     EXPECT_EQ(picture.getVideoFrame(RequireVideoFrame{Rational(7, 1), PF_YUV420P, 1, nullptr}), first);  // the very same record
     const auto half = picture.getVideoFrame(RequireVideoFrame{Rational(7, 1), PF_YUV420P, 2, nullptr});
-    ASSERT_TRUE(half && half != first);
-    EXPECT_EQ(half->width, 160);
+    EXPECT_TRUE(half && half != first && half->width == 160);
 
     FFDecoder audio, video;
     const StreamCtx* cfr = stream_of("h264_cfr.mp4", STREAM_VIDEO);
