@@ -115,8 +115,7 @@ TEST(ColorFidelity, EverySourceLooksAsItsDescriptionSays) {
         EXPECT_EQ(st->field_order, AV_FIELD_PROGRESSIVE);
         // Frame 3 (of 5), identified by its bars as everywhere else.
         const std::shared_ptr<VFrameCtx> picture = picture_at(st, Rational(3, 25), PF_RGBA);
-        ASSERT_NE(picture, nullptr);
-        EXPECT_EQ(testmedia::picture_index(*picture), 3);
+        ASSERT_EQ(testsupport::index_of(picture), 3);
         if (c.content == Content::Lines) {
             UniqueAVFrame plain = plain_frame(testmedia::path(c.file), 3);
             ASSERT_NE(plain, nullptr);

@@ -11,9 +11,7 @@ using namespace ff;
 
 TEST(Filmstrip, FastModeDecodesOnlyKeyFramesAndCancelEndsTheStrip) {
     const std::string file = testmedia::path("long_gop.mp4");  // key frames at 0 and 10 s
-    RequireFilmstrip req;
-    req.count = 12;
-    req.fast = true;
+    RequireFilmstrip req{12, 0, 0, PF_RGBA, true};
     const testsupport::Counts before = testsupport::Counts::now();
     const std::vector<FilmstripPicture> strip = getFilmstrip(file.c_str(), req);
     ASSERT_EQ(strip.size(), 12u);

@@ -101,8 +101,7 @@ TEST(Probe, DescribesEveryFieldFromTwoDecodedFramesAndCachesIt) {
     EXPECT_STREQ(mv->path, file.c_str());
     EXPECT_TRUE(mv->start_time == 0 && mv->bit_rate > 0);
     const StreamCtx* v = mv->streams[mv->video_indexes[0]];
-    EXPECT_TRUE(v->index == 0 && v->start_time == 0 && v->duration == 4 * 12800);
-    EXPECT_EQ(v->time_base, Rational(1, 12800));
+    EXPECT_TRUE(v->index == 0 && v->start_time == 0 && v->duration == 4 * 12800 && v->time_base == Rational(1, 12800));
     EXPECT_TRUE(v->codec_pix_fmt == AV_PIX_FMT_YUV420P && v->pix_fmt == AV_PIX_FMT_YUV420P && v->frame_pix_fmt == -1);
     EXPECT_TRUE(v->frame_rate == Rational(25, 1) && v->sample_aspect_ratio == Rational(1, 1));
     const StreamCtx* a = mv->streams[mv->audio_indexes[0]];

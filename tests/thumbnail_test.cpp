@@ -36,13 +36,6 @@ const RefFrame* last_at_or_before(const std::vector<RefFrame>& frames, long long
     return found;
 }
 
-// A picture of at most width x height (0: no limit), in RGBA by default.
-RequireMvImage request(int width, int height) {
-    RequireMvImage req;
-    req.width = width, req.height = height;
-    return req;
-}
-
 }  // namespace
 
 TEST(ThumbnailDivider, FollowsTheWidthThenHeightRules) {
@@ -87,9 +80,8 @@ TEST(Thumbnail, EveryVideoFileGivesThePredictedPicturesAndFilmstrips) {
             const int d = sw == 320 ? t.divider_320x240 : t.divider_64x64;
             // Once at a time given in seconds (ratio ignored), once at a fraction.
             for (bool by_ratio : {false, true}) {
-                RequireMvImage req = request(t.width, t.height);
-                req.ratio = by_ratio ? 0.3 + 0.1 * turn : 0.95;
-                req.time = by_ratio ? Rational(0, 0) : Rational(200 + 450 * turn, 1000);
+                RequireMvImage req{by_ratio ? 0.3 + 0.1 * turn : 0.95,
+                                   by_ratio ? Rational(0, 0) : Rational(200 + 450 * turn, 1000), t.width, t.height};
                 const Rational wanted = by_ratio ? Rational(static_cast<long long>(movie->duration * req.ratio), 1000000) : req.time;
                 Rational duration(-1, 1);
                 const auto picture = getMovieImage(testmedia::path(name).c_str(), req, &duration);
@@ -110,10 +102,7 @@ TEST(Thumbnail, EveryVideoFileGivesThePredictedPicturesAndFilmstrips) {
         for (bool fast : {false, true}) {
             if (std::string(name) == "mp3_cover.mp3") break;
             SCOPED_TRACE(fast ? "fast strip" : "exact strip");
-            RequireFilmstrip req;
-            req.count = 6;
-            req.width = 160;
-            req.fast = fast;
+            const RequireFilmstrip req{6, 160, 0, PF_RGBA, fast};
             const std::vector<FilmstripPicture> strip = getFilmstrip(testmedia::path(name).c_str(), req);
             ASSERT_EQ(strip.size(), 6u);
             const Rational duration = st->duration != kNoPts ? timestamp_to_time(st->duration, st->time_base)
@@ -134,41 +123,38 @@ TEST(Thumbnail, EveryVideoFileGivesThePredictedPicturesAndFilmstrips) {
 }
 
 TEST(Thumbnail, FailuresLeaveOrSetTheDurationAsDocumented) {
-    const std::string missing = testmedia::path("no_such_file.mp4"), header = testmedia::path("header_only.mp4");
+    const std::string missing = testmedia::path("no_such_file.mp4"), header = testmedia::path("header_only.mp4"),
+                      empty = testmedia::path("empty.mp4"), audio = testmedia::path("aac.m4a"),
+                      video = testmedia::path("h264_cfr.mp4");
     const MovieCtx* header_movie = FFDecoder::probe(header.c_str(), nullptr);
     std::atomic<bool> cancel{true};
     // File, cancel flag, the duration then reported (-1: left as it was).
-    const struct { std::string file; std::atomic<bool>* cancel; long long duration; } rows[] = {
-        {missing, nullptr, -1}, {testmedia::path("empty.mp4"), nullptr, -1},
+    const struct { const char* file; std::atomic<bool>* cancel; long long duration; } rows[] = {
+        {nullptr, nullptr, -1}, {missing.c_str(), nullptr, -1}, {empty.c_str(), nullptr, -1},
         // Audio only: no picture, but the duration is known.
-        {testmedia::path("aac.m4a"), nullptr, FFDecoder::probe(testmedia::path("aac.m4a").c_str(), nullptr)->duration},
-        {header, nullptr, header_movie ? header_movie->duration : -1},  // a video without frames
-        {testmedia::path("h264_cfr.mp4"), &cancel, 4000000}};
+        {audio.c_str(), nullptr, FFDecoder::probe(audio.c_str(), nullptr)->duration},
+        {header.c_str(), nullptr, header_movie ? header_movie->duration : -1},  // a video without frames
+        {video.c_str(), &cancel, 4000000}};
     std::string logged;
     for (const auto& r : rows) {
         Rational duration(7, 3);
-        RequireMvImage req = request(0, 0);
-        req.cancel = r.cancel;
         std::shared_ptr<VFrameCtx> picture;
-        logged += testsupport::stdout_of([&] { picture = getMovieImage(r.file.c_str(), req, &duration); });
-        EXPECT_EQ(picture, nullptr) << r.file;
+        const RequireMvImage req{0.5, Rational(0, 0), 0, 0, PF_RGBA, r.cancel};
+        logged += testsupport::stdout_of([&] { picture = getMovieImage(r.file, req, &duration); });
+        const std::string file = r.file ? r.file : "no file";
+        EXPECT_EQ(picture, nullptr) << file;
         EXPECT_TRUE(r.duration < 0 ? duration.num == 7 && duration.den == 3
-                                   : duration.num == r.duration && duration.den == 1000000) << r.file;
+                                   : duration.num == r.duration && duration.den == 1000000) << file;
     }
     EXPECT_TRUE(testsupport::contains(logged, "\"@@获取视频封面和信息失败：" + missing + "\"\n"));
-    Rational untouched(7, 3);
-    EXPECT_EQ(getMovieImage(nullptr, request(0, 0), &untouched), nullptr);
-    EXPECT_EQ(untouched.num, 7);
-    EXPECT_EQ(getMovieImage(testmedia::path("empty.mp4").c_str(), request(0, 0), nullptr), nullptr);
-    RequireMvImage odd = request(0, 0);
-    odd.ratio = std::nan("");
-    EXPECT_NE(getMovieImage(testmedia::path("h264_cfr.mp4").c_str(), odd, nullptr), nullptr);  // NaN position reads as 0 s
+    EXPECT_EQ(getMovieImage(empty.c_str(), RequireMvImage{}, nullptr), nullptr);
+    // A NaN position reads as 0 s.
+    EXPECT_NE(getMovieImage(video.c_str(), RequireMvImage{std::nan("")}, nullptr), nullptr);
 }
 
 TEST(Thumbnail, TheSameRequestAgainIsAnsweredWithoutDecoding) {
     const std::string video = testmedia::path("h264_23976.mp4");
-    RequireMvImage req = request(160, 0);
-    req.time = Rational(2, 1);
+    RequireMvImage req{0.5, Rational(2, 1), 160};
     const auto first = getMovieImage(video.c_str(), req, nullptr);
     ASSERT_NE(first, nullptr);
     const testsupport::Counts before_again = testsupport::Counts::now();
@@ -178,8 +164,7 @@ TEST(Thumbnail, TheSameRequestAgainIsAnsweredWithoutDecoding) {
     // Another time, size or format is a new picture.
     req.time = Rational(3, 1);
     const auto later = getMovieImage(video.c_str(), req, nullptr);
-    ASSERT_TRUE(later && later != first);
-    EXPECT_NE(testmedia::picture_index(*later), testmedia::picture_index(*first));
+    EXPECT_TRUE(later && testsupport::index_of(later) != testsupport::index_of(first));
     req.time = Rational(2, 1);
     req.width = 80;
     const auto smaller = getMovieImage(video.c_str(), req, nullptr);
