@@ -83,8 +83,7 @@ TEST_F(FsTest, DirectoriesAndRename) {
     const std::string moved = sub + "/b \xe6\x97\xa5";
     EXPECT_TRUE(fs::zo_rename(file.c_str(), moved.c_str()) == 0 && ::access(moved.c_str(), F_OK) == 0);
     EXPECT_NE(fs::zo_rename(file.c_str(), moved.c_str()), 0);
-    EXPECT_EQ(fs::zo_rename(nullptr, moved.c_str()), -1);
-    EXPECT_FALSE(fs::make_dir(nullptr, 0) || fs::is_dir_exist(nullptr));
+    EXPECT_FALSE(fs::zo_rename(nullptr, moved.c_str()) != -1 || fs::make_dir(nullptr, 0) || fs::is_dir_exist(nullptr));
 }
 
 TEST_F(FsTest, WaveFilesFailedOpenClosesTheGroup) {
@@ -116,8 +115,7 @@ TEST_F(FsTest, WaveFilesWrittenGroupReadsBack) {
         const unsigned char* rest[] = {a.data() + 5900, b.data() + 5900};
         EXPECT_EQ(wf.write(planes, 5900), 5900);
         EXPECT_TRUE(wf.write(planes, -1) == -1 && wf.write(nullptr, 1) == -1);
-        EXPECT_EQ(wf.write(rest, 100), 100);
-        EXPECT_EQ(wf.size(), 6000);  // position of the first file
+        EXPECT_TRUE(wf.write(rest, 100) == 100 && wf.size() == 6000);  // size: position of the first file
     }
     ff::WaveFiles wf;
     ASSERT_TRUE(wf.open(planes_, "rb"));
@@ -125,16 +123,14 @@ TEST_F(FsTest, WaveFilesWrittenGroupReadsBack) {
     // Bytes 4096..5119 of each plane come from the files; the rest is untouched.
     std::vector<unsigned char> ra(6000, 0xEE), rb(6000, 0xEE);
     unsigned char* planes[] = {ra.data(), rb.data()};
-    EXPECT_EQ(wf.read(planes, 4096, 1024), 1024);
-    EXPECT_EQ(wf.size(), 6000);  // measured, not the position
+    EXPECT_TRUE(wf.read(planes, 4096, 1024) == 1024 && wf.size() == 6000);  // size: measured, not the position
     for (int i = 0; i < 6000; ++i) {
         const bool filled = i >= 4096 && i < 5120;
         ASSERT_TRUE(ra[i] == (filled ? a[i - 4096] : 0xEE) && rb[i] == (filled ? b[i - 4096] : 0xEE)) << i;
     }
     // Seeking moves every file; a short read reports the last file's count.
     wf.seek(5990, SEEK_SET);
-    EXPECT_EQ(wf.read(planes, 0, 100), 10);
-    EXPECT_TRUE(ra[0] == a[5990] && rb[9] == b[5999]);
+    EXPECT_TRUE(wf.read(planes, 0, 100) == 10 && ra[0] == a[5990] && rb[9] == b[5999]);
     // Bad arguments leave the files where they are.
     wf.seek(0, SEEK_SET);
     unsigned char* half[] = {ra.data(), nullptr};

@@ -121,8 +121,7 @@ void walk_audio(const ff::StreamCtx& st, int wait_ms, Report& r) {
 Report walk(const std::string& path, int async_wait_ms) {
     Report r;
     ff::RequireMvImage thumb;
-    thumb.width = 160;
-    thumb.height = 90;
+    std::tie(thumb.width, thumb.height) = std::make_tuple(160, 90);
     ff::Rational duration;
     r.thumbnail = picture_ok(ff::getMovieImage(path.c_str(), thumb, &duration));
 
@@ -135,15 +134,13 @@ Report walk(const std::string& path, int async_wait_ms) {
         if (st->type == ff::STREAM_VIDEO) walk_video(*st, async_wait_ms, r);
         else if (st->type == ff::STREAM_AUDIO) walk_audio(*st, async_wait_ms, r);
     }
-    thumb.time = Rational(1, 1);
-    thumb.format = ff::PF_YUV420P;
+    std::tie(thumb.time, thumb.format) = std::make_tuple(Rational(1, 1), ff::PF_YUV420P);
     r.thumbnail = picture_ok(ff::getMovieImage(path.c_str(), thumb, nullptr)) || r.thumbnail;
 
     // The timeline tools over the whole file: a waveform, both filmstrips.
     ff::getAudioOverview(path.c_str(), -1, Rational(1, 50));
     ff::RequireFilmstrip strip;
-    strip.count = 3;
-    strip.width = 64;
+    std::tie(strip.count, strip.width) = std::make_tuple(3, 64);
     for (bool fast : {false, true}) {
         strip.fast = fast;
         for (const ff::FilmstripPicture& p : ff::getFilmstrip(path.c_str(), strip)) r.pictures += picture_ok(p.picture);

@@ -49,12 +49,9 @@ TEST_P(HostileInput, AnswersFailureOrRealFrames) {
     testmedia::LogCapture quiet;  // the library says a lot about broken files
     const hostwalk::Report r = hostwalk::walk(std::string(CLIPDEC_TEST_HOSTILE) + "/" + name);
     EXPECT_FALSE(starts_with(name, "bad_") && (r.probed || r.thumbnail));
-    if (starts_with(name, "ok_")) {
-        EXPECT_TRUE(r.probed && r.thumbnail);
-        EXPECT_EQ(r.streams_opened, 2);
-        EXPECT_GE(r.pictures, 8);
-        EXPECT_GE(r.audio_spans, 8);
-    }
+    EXPECT_TRUE(!starts_with(name, "ok_") ||
+                (r.probed && r.thumbnail && r.streams_opened == 2 && r.pictures >= 8 && r.audio_spans >= 8))
+        << r.probed << r.thumbnail << " " << r.streams_opened << " " << r.pictures << " " << r.audio_spans;
 }
 
 // Readable names for CTest: the file name with anything but letters and digits as '_'.
@@ -71,9 +68,7 @@ TEST(HostileInputSuite, HasEveryKindOfCase) {
     const auto count = [&](const char* prefix) {
         return std::count_if(files.begin(), files.end(), [&](const std::string& f) { return starts_with(f, prefix); });
     };
-    EXPECT_GE(files.size(), 30u);
-    EXPECT_GE(count("ok_"), 3);
-    EXPECT_GE(count("bad_"), 4);
+    EXPECT_TRUE(files.size() >= 30u && count("ok_") >= 3 && count("bad_") >= 4) << files.size();
 }
 
 TEST(HostileInputSuite, EveryFormerFuzzCrashNowPasses) {
