@@ -305,16 +305,17 @@ TEST_F(Video, AsyncFirstRequestsRacingCreateOneWorker) {
     std::mutex mutex;
     std::set<std::thread::id> workers;
     std::vector<std::thread> threads;
-    testsupport::Barrier start(8);
+    testsupport::Gate start;  // all eight ask at once
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([&, t] {
-            start.arrive_and_wait();
+            start.wait();
             dec.getVideoFrameAsync(at_ms(100 * t), [&](std::shared_ptr<VFrameCtx>) {
                 std::lock_guard<std::mutex> lock(mutex);
                 workers.insert(std::this_thread::get_id());
             });
         });
     }
+    start.open();
     for (auto& th : threads) th.join();
     // Every request but the newest may be discarded; the newest is answered.
     // (Closing right away could make it stale before the worker takes it.)

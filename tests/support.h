@@ -1,7 +1,7 @@
 // What the tests share: streams of the generated media, the frame a stream
 // should show at a timestamp (from one plain decode), ramp checks for the
-// position-coded audio, decode-counter deltas, captured output, and a gate, a
-// barrier and a bounded wait for tests that order threads.
+// position-coded audio, decode-counter deltas, captured output, and a gate
+// and a bounded wait for tests that order threads.
 // Including it brings GoogleTest, media.h and the library's decoder, instance
 // and counter headers: a test file includes only what it needs beyond those.
 #pragma once
@@ -164,28 +164,6 @@ private:
     std::mutex mutex_;
     std::condition_variable cv_;
     bool open_ = false;
-};
-
-// A reusable barrier for threads working in lockstep.
-class Barrier {
-public:
-    explicit Barrier(int n) : count_(n) {}
-    void arrive_and_wait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        const int gen = generation_;
-        if (++waiting_ == count_) {
-            waiting_ = 0;
-            ++generation_;
-            cv_.notify_all();
-        } else {
-            cv_.wait(lock, [&] { return gen != generation_; });
-        }
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    int count_, waiting_ = 0, generation_ = 0;
 };
 
 // The index an RGBA picture shows; -1 without a picture or in another format.
