@@ -2,12 +2,10 @@
 // cycles: sample clock, FIFO carry-over, volumes and clipping per source,
 // buffer reuse, misuse.
 
-#include <algorithm>
 #include <cfloat>
 #include <climits>
 #include <cmath>
 #include <cstring>
-#include <vector>
 
 #include "audio_mixer.h"
 #include "audio_mixer_private.h"

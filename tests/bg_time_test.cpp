@@ -3,14 +3,10 @@
 // the first caller agree on one anchoring.
 #include <array>
 #include <atomic>
-#include <cstdlib>
 #include <ctime>
-#include <thread>
 #include <tuple>
-#include <vector>
 
-#include <gtest/gtest.h>
-
+#include "support.h"
 #include "utils/bg_time.h"
 #include "utils/bg_time_internal.h"
 

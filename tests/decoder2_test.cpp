@@ -6,8 +6,6 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "ffdecoder2.h"
 #include "support.h"

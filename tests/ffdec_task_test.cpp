@@ -14,7 +14,6 @@ namespace {
 
 constexpr long long kFrame = 512;  // h264_cfr.mp4: 25 fps in 1/12800
 
-
 // A request as the scheduler makes it: the task's mutex handed over.
 std::shared_ptr<AVFrame> ask(FFDec_Task& task, long long t, FFDec_Task::Ts_ROUND r = FFDec_Task::ROUND_DOWN,
                              std::atomic<bool>* cancel = nullptr) {

@@ -2,10 +2,8 @@
 // no strip. The pictures of every video file's strips are checked with the
 // thumbnails (Thumbnail.EveryVideoFileGivesThePredictedPicturesAndFilmstrips).
 
-#include <vector>
-
-#include "support.h"
 #include "filmstrip.h"
+#include "support.h"
 
 using namespace ff;
 

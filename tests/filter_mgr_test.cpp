@@ -3,8 +3,6 @@
 // (pictures that show their index, samples that carry the ramp).
 
 #include <cstdarg>
-#include <cstdio>
-#include <string>
 
 #include "ff_compat.h"  // and with it FFmpeg's log, pixel and sample formats
 #include "ffmpeg_error.h"

@@ -3,11 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "support.h"
 #include "utils/fs.h"

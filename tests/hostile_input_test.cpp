@@ -4,23 +4,17 @@
 // through the same drivers; a file deleted or rewritten while decoders read
 // it. Nothing crashes, hangs (each case is bounded) or leaks (the sanitizer
 // build's leak check).
-#include <gtest/gtest.h>
 
 #include <dirent.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <vector>
 
 #include "ff_tools.h"
-#include "ffdecoder.h"
 #include "fuzz_drivers.h"
 #include "host_walk.h"
-#include "media.h"
+#include "support.h"
 #include "watchdog.h"
 
 namespace {

@@ -1,8 +1,6 @@
 // This machine has no GPU: every device type FFmpeg lists must fail to open
 // and leave decoding in software, with identical frames.
 
-#include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <tuple>
 

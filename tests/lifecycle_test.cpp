@@ -9,7 +9,6 @@
 // decoder (many threads over many decoders are the public stress test's).
 // Jobs are held mid-decode by the task's decode hook, or callbacks by gates,
 // so every case is decided by order, not by timing.
-#include <functional>
 #include <future>
 #include <new>
 #include <set>

@@ -8,7 +8,6 @@
 #include <array>
 #include <cstdarg>
 #include <set>
-#include <thread>
 #include <tuple>
 
 #include "ffmpeg_error.h"

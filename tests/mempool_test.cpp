@@ -6,7 +6,6 @@
 
 #include <array>
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <utility>
 

@@ -1,14 +1,11 @@
 // Exact pair arithmetic: every example is checked as a (num, den) pair, not
 // only as a value, because comparisons and the zero rules look at the pair.
-#include <gtest/gtest.h>
-
 #include <climits>
-#include <string>
-#include <vector>
 
 #include "range.h"
 #include "rational.h"
 #include "rational_convert.h"
+#include "support.h"
 
 using ff::Range;
 using ff::Rational;

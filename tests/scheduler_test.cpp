@@ -7,7 +7,6 @@
 // worker's own mutex like the real task, and can hold a job at a gate so that
 // a test decides when it appends its frame and when it ends.
 #include <ctime>
-#include <functional>
 #include <future>
 #include <map>
 #include <new>

@@ -3,11 +3,8 @@
 // filmstrips it gives (checked against a plain sequential decode), the
 // reported duration, the failures, the cache, and upright pictures.
 
-#include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <string>
-#include <vector>
 
 #include "support.h"
 #include "ff_tools.h"

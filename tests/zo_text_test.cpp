@@ -1,15 +1,10 @@
 // The text utilities: trimming, affixes, formatting, replacing, UTF-8 and
 // the narrow character set, and MD5 digests of text, bytes and files.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <clocale>
-#include <cstdio>
 #include <cstring>
-#include <string>
 #include <utility>
-#include <vector>
 
+#include "support.h"
 #include "utils/zo_encoding.h"
 #include "utils/zo_md5.h"
 #include "utils/zo_text.h"
