@@ -3,17 +3,11 @@
 // stream; a speed change's first run seeks like any other; irregular AAC
 // timestamps place the same samples at a position whichever way it is reached.
 
-#include <algorithm>
 #include <cmath>
 #include <random>
-#include <vector>
 
-extern "C" {
-#include <libswresample/swresample.h>
-}
-
-#include "ff_compat.h"
 #include "ffdecoder2.h"
+#include "plain_ffmpeg.h"
 #include "support.h"
 
 using namespace ff;
@@ -26,27 +20,12 @@ const StreamCtx* audio_of(const char* file) { return testsupport::stream_of(file
 using Samples = std::vector<float>;
 
 // The whole audio stream of `file` decoded plainly and converted in one go by
-// a fresh resampler to `rate` (stereo float), from its first sample on.
+// a fresh resampler to `rate` (stereo float), from its first sample on: the
+// tool's plain loop, which sets its resampler up apart from the library.
 Samples whole_stream(const char* file, int rate) {
-    testmedia::PlainDecoding d;
-    if (!d.open(testmedia::path(file), AVMEDIA_TYPE_AUDIO)) return {};
-    SwrContext* swr = nullptr;
+    cli::PlainStream d;
     Samples out;
-    auto convert = [&](const uint8_t** in, int count) {
-        const int room = swr_get_out_samples(swr, count);
-        Samples part(static_cast<size_t>(room) * 2);
-        auto* dst = reinterpret_cast<uint8_t*>(part.data());
-        const int got = swr_convert(swr, &dst, room, in, count);
-        out.insert(out.end(), part.begin(), part.begin() + 2 * std::max(got, 0));
-    };
-    d.each_frame([&](AVFrame* frame) {
-        if (!swr && (compat_swr_configure(&swr, 2, AV_SAMPLE_FMT_FLT, rate, frame) < 0 || swr_init(swr) < 0))
-            return false;
-        convert(const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples);
-        return true;
-    });
-    if (swr) convert(nullptr, 0);
-    swr_free(&swr);
+    if (d.open(testmedia::path(file).c_str(), -1, AVMEDIA_TYPE_AUDIO)) cli::plain_resample(d, rate, 2, -1, &out);
     return out;
 }
 

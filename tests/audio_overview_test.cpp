@@ -3,9 +3,9 @@
 // sample positions and tiling the stream exactly, cancel, and the cache.
 
 #include <cmath>
-#include <vector>
 
 #include "audio_overview.h"
+#include "plain_ffmpeg.h"
 #include "support.h"
 
 using namespace ff;
@@ -16,14 +16,15 @@ namespace {
 // converted here independently of the library.
 std::vector<std::vector<double>> plain_samples(const std::string& file) {
     std::vector<std::vector<double>> channels;
-    testmedia::PlainDecoding plain;
-    if (!plain.open(file, AVMEDIA_TYPE_AUDIO)) return channels;
-    plain.each_frame([&](AVFrame* f) {
+    cli::PlainStream plain;
+    const UniqueAVFrame f = make_frame();
+    if (!plain.open(file.c_str(), -1, AVMEDIA_TYPE_AUDIO)) return channels;
+    while (plain.next(f.get()) >= 0) {
         const int count = f->ch_layout.nb_channels;
         const auto format = static_cast<AVSampleFormat>(f->format), packed = av_get_packed_sample_fmt(format);
         if (packed != AV_SAMPLE_FMT_S16 && packed != AV_SAMPLE_FMT_S32 && packed != AV_SAMPLE_FMT_FLT) {
             ADD_FAILURE() << "no reference for format " << f->format;
-            return false;
+            break;
         }
         const bool planar = av_sample_fmt_is_planar(format);
         channels.resize(static_cast<size_t>(count));
@@ -36,8 +37,7 @@ std::vector<std::vector<double>> plain_samples(const std::string& file) {
                                                                     : reinterpret_cast<const float*>(plane)[at]);
             }
         }
-        return true;
-    });
+    }
     return channels;
 }
 

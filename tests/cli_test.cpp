@@ -6,15 +6,11 @@
 #ifdef CLIPDEC_TOOL
 #include <sys/wait.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <fstream>
-#include <functional>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "audio_overview.h"
+#include "plain_ffmpeg.h"
 #include "support.h"
 
 using testmedia::ramp_sample;
@@ -47,27 +43,24 @@ struct Picture { int width = 0, height = 0, index = -1, turned_index = -1; };
 // The first picture of a file; width 0 when there is none.
 Picture picture_of(const std::string& path) {
     Picture p;
-    testmedia::PlainDecoding d;
-    if (d.open(path, AVMEDIA_TYPE_VIDEO))
-        d.each_frame([&](const AVFrame* f) {
-            p = {f->width, f->height, testmedia::frame_index(f), testmedia::frame_index(f, true)};
-            return false;
-        });
+    cli::PlainStream d;
+    const ff::UniqueAVFrame f = ff::make_frame();
+    if (d.open(path.c_str(), -1) && d.next(f.get()) >= 0)
+        p = {f->width, f->height, testmedia::frame_index(f.get()), testmedia::frame_index(f.get(), true)};
     return p;
 }
 
 struct Audio { std::string codec; int rate = 0, channels = 0; long long samples = 0; std::vector<int16_t> s16; };
 Audio audio_of(const std::string& path) {
     Audio a;
-    testmedia::PlainDecoding d;
-    if (!d.open(path, AVMEDIA_TYPE_AUDIO)) return a;
-    a = {d.codec->codec->name, d.codec->sample_rate, d.codec->ch_layout.nb_channels, 0, {}};
-    d.each_frame([&](const AVFrame* f) {
-        a.samples += f->nb_samples;
+    cli::PlainStream d;
+    if (!d.open(path.c_str(), -1, AVMEDIA_TYPE_AUDIO)) return a;
+    const AVCodecParameters* par = d.stream()->codecpar;
+    a = {avcodec_get_name(par->codec_id), par->sample_rate, par->ch_layout.nb_channels, 0, {}};
+    for (const ff::UniqueAVFrame f = ff::make_frame(); d.next(f.get()) >= 0; a.samples += f->nb_samples) {
         const auto* s = reinterpret_cast<const int16_t*>(f->data[0]);
         if (f->format == AV_SAMPLE_FMT_S16) a.s16.insert(a.s16.end(), s, s + f->nb_samples * a.channels);
-        return true;
-    });
+    }
     return a;
 }
 

@@ -3,13 +3,12 @@
 // scripts/gen_color_media.sh (whose patch table is repeated here).
 
 #include <cmath>
-#include <cstdlib>
 
 extern "C" {
 #include <libavutil/pixdesc.h>
-#include <libswscale/swscale.h>
 }
 
+#include "plain_ffmpeg.h"
 #include "support.h"
 
 using namespace ff;
@@ -63,14 +62,11 @@ void expect_patches(const VFrameCtx& p, bool with_alpha) {
 
 // The frame at `index` of `file`, decoded plainly with FFmpeg.
 UniqueAVFrame plain_frame(const std::string& file, int index) {
-    UniqueAVFrame found;
-    testmedia::PlainDecoding d;
-    if (d.open(file, AVMEDIA_TYPE_VIDEO))
-        d.each_frame([&](AVFrame* frame) {
-            if (index-- == 0) found.reset(av_frame_clone(frame));
-            return !found;
-        });
-    return found;
+    UniqueAVFrame frame = make_frame();
+    cli::PlainStream d;
+    bool found = d.open(file.c_str(), -1);
+    for (int k = 0; found && k <= index; ++k) found = d.next(frame.get()) >= 0;
+    return found ? std::move(frame) : nullptr;
 }
 
 // A careful conversion to RGBA: bicubic, accurate rounding, full chroma, the
@@ -79,15 +75,14 @@ std::vector<uint8_t> careful_rgba(const AVFrame& f) {
     std::vector<uint8_t> rgba(static_cast<size_t>(f.width) * f.height * 4);
     uint8_t* dst[4] = {rgba.data()};
     int dst_linesize[4] = {f.width * 4};
-    SwsContext* sws = sws_getContext(f.width, f.height, static_cast<AVPixelFormat>(f.format), f.width, f.height,
-                                     AV_PIX_FMT_RGBA,
-                                     SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT | SWS_FULL_CHR_H_INP,
-                                     nullptr, nullptr, nullptr);
+    const UniqueSwsContext sws(sws_getContext(f.width, f.height, static_cast<AVPixelFormat>(f.format), f.width,
+                                              f.height, AV_PIX_FMT_RGBA,
+                                              SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT | SWS_FULL_CHR_H_INP,
+                                              nullptr, nullptr, nullptr));
     const int* coefficients = sws_getCoefficients(f.colorspace);
-    sws_setColorspaceDetails(sws, coefficients, f.color_range == AVCOL_RANGE_JPEG, coefficients, 1, 0, 1 << 16,
-                             1 << 16);
-    sws_scale(sws, f.data, f.linesize, 0, f.height, dst, dst_linesize);
-    sws_freeContext(sws);
+    sws_setColorspaceDetails(sws.get(), coefficients, f.color_range == AVCOL_RANGE_JPEG, coefficients, 1, 0,
+                             1 << 16, 1 << 16);
+    sws_scale(sws.get(), f.data, f.linesize, 0, f.height, dst, dst_linesize);
     return rgba;
 }
 

@@ -2,15 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-
 extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-#include <libavutil/imgutils.h>
 #include <libavutil/md5.h>
-#include <libswscale/swscale.h>
 }
+
+#include "plain_ffmpeg.h"
 
 namespace testmedia {
 
@@ -53,14 +49,14 @@ int frame_index(const AVFrame* frame, bool turned) {
     if (!frame || frame->width < 32 || frame->height < 32 || !frame->data[0]) return -1;
     if (has_luma_plane(frame->format))
         return read_bars(frame->data[0], frame->linesize[0], frame->width, frame->height, turned);
-    SwsContext* sws = sws_getContext(frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
-                                     frame->width, frame->height, AV_PIX_FMT_GRAY8, SWS_POINT, nullptr, nullptr, nullptr);
+    const ff::UniqueSwsContext sws(sws_getContext(frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
+                                                  frame->width, frame->height, AV_PIX_FMT_GRAY8, SWS_POINT, nullptr,
+                                                  nullptr, nullptr));
     if (!sws) return -1;
     std::vector<uint8_t> gray(static_cast<size_t>(frame->width) * frame->height);
     uint8_t* dst[4] = {gray.data()};
     int dst_linesize[4] = {frame->width};
-    sws_scale(sws, frame->data, frame->linesize, 0, frame->height, dst, dst_linesize);
-    sws_freeContext(sws);
+    sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, dst, dst_linesize);
     return read_bars(gray.data(), frame->width, frame->width, frame->height, turned);
 }
 
@@ -84,49 +80,13 @@ std::string picture_digest(const AVFrame* frame) {
     return hex;
 }
 
-bool PlainDecoding::open(const std::string& path, AVMediaType type, int index) {
-    AVFormatContext* f = nullptr;
-    if (avformat_open_input(&f, path.c_str(), nullptr, nullptr) < 0) return false;
-    format.reset(f);
-    if (avformat_find_stream_info(f, nullptr) < 0) return false;
-    stream = index >= 0 ? index : av_find_best_stream(f, type, -1, -1, nullptr, 0);
-    if (stream < 0 || stream >= static_cast<int>(f->nb_streams)) return false;
-    const AVStream* st = f->streams[stream];
-    const AVCodec* decoder = avcodec_find_decoder(st->codecpar->codec_id);
-    if (!decoder) return false;
-    codec.reset(avcodec_alloc_context3(decoder));
-    if (!codec || avcodec_parameters_to_context(codec.get(), st->codecpar) < 0) return false;
-    codec->pkt_timebase = st->time_base;
-    return avcodec_open2(codec.get(), decoder, nullptr) >= 0;
-}
-
-void PlainDecoding::each_frame(const std::function<bool(AVFrame*)>& take) {
-    ff::UniqueAVPacket packet = ff::make_packet();
-    ff::UniqueAVFrame frame = ff::make_frame();
-    bool more = true;
-    auto drain = [&] {
-        while (more && avcodec_receive_frame(codec.get(), frame.get()) >= 0) {
-            more = take(frame.get());
-            av_frame_unref(frame.get());
-        }
-    };
-    while (more && av_read_frame(format.get(), packet.get()) >= 0) {
-        if (packet->stream_index == stream && avcodec_send_packet(codec.get(), packet.get()) >= 0) drain();
-        av_packet_unref(packet.get());
-    }
-    if (!more) return;
-    avcodec_send_packet(codec.get(), nullptr);
-    drain();
-}
-
 std::vector<RefFrame> reference_decode(const std::string& file, int stream_index) {
     std::vector<RefFrame> frames;
-    PlainDecoding d;
-    if (!d.open(file, AVMEDIA_TYPE_UNKNOWN, stream_index)) return frames;
-    d.each_frame([&](AVFrame* frame) {
-        frames.push_back({frame->best_effort_timestamp, frame_index(frame), frame->key_frame != 0});
-        return true;
-    });
+    cli::PlainStream d;
+    ff::UniqueAVFrame frame = ff::make_frame();
+    if (!d.open(file.c_str(), stream_index)) return frames;
+    while (d.next(frame.get()) >= 0)
+        frames.push_back({frame->best_effort_timestamp, frame_index(frame.get()), frame->key_frame != 0});
     return frames;
 }
 

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -46,20 +45,8 @@ struct RefFrame {
     bool key = false;
 };
 
-// A plain sequential FFmpeg decode of one stream of a file: what the tests
-// compare the library with.
-struct PlainDecoding {
-    ff::UniqueAVFormatInput format;
-    ff::UniqueAVCodecContext codec;
-    int stream = -1;
-
-    // The best stream of `type`, or stream `index` when it is not negative.
-    bool open(const std::string& path, AVMediaType type, int index = -1);
-    // Calls `take` with every decoded frame, in order, until it returns false.
-    void each_frame(const std::function<bool(AVFrame*)>& take);
-};
-
-// Every frame of a stream from one plain sequential FFmpeg decode.
+// Every frame of a stream from one plain sequential FFmpeg decode (the loop
+// the tool's bench command measures the library against).
 std::vector<RefFrame> reference_decode(const std::string& file, int stream_index);
 
 // Captures what the library logs to standard output (no host table in tests).

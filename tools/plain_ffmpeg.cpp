@@ -55,23 +55,29 @@ bool open_resampler(ff::UniqueSwrContext& swr, const AVFrame* frame, int rate, i
     return made >= 0 && raw && swr_init(raw) >= 0;
 }
 
-long long plain_resample(PlainStream& s, int rate, int channels, long long wanted) {
+long long plain_resample(PlainStream& s, int rate, int channels, long long wanted, std::vector<float>* kept) {
     ff::UniqueAVFrame frame(av_frame_alloc());
     if (!frame) return -1;
     ff::UniqueSwrContext swr;
     std::vector<float> out;
     long long converted = 0;
-    while ((wanted < 0 || converted < wanted) && s.next(frame.get()) >= 0) {
-        if (!swr && !open_resampler(swr, frame.get(), rate, channels)) break;
-        const int room = swr_get_out_samples(swr.get(), frame->nb_samples);
-        if (room < 0) break;
+    // Null input drains what the resampler still holds.
+    auto convert = [&](const uint8_t** in, int count) {
+        const int room = swr_get_out_samples(swr.get(), count);
+        if (room < 0) return false;
         out.resize(static_cast<size_t>(room) * channels);
         uint8_t* dst[1] = {reinterpret_cast<uint8_t*>(out.data())};
-        const int got = swr_convert(swr.get(), dst, room, const_cast<const uint8_t**>(frame->extended_data),
-                                    frame->nb_samples);
-        if (got < 0) break;
+        const int got = swr_convert(swr.get(), dst, room, in, count);
+        if (got < 0) return false;
         converted += got;
+        if (kept) kept->insert(kept->end(), out.begin(), out.begin() + static_cast<long>(got) * channels);
+        return true;
+    };
+    while ((wanted < 0 || converted < wanted) && s.next(frame.get()) >= 0) {
+        if (!swr && !open_resampler(swr, frame.get(), rate, channels)) return converted;
+        if (!convert(const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples)) return converted;
     }
+    if (wanted < 0 && swr) convert(nullptr, 0);
     return converted;
 }
 

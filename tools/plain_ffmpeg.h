@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -146,8 +147,9 @@ bool open_resampler(ff::UniqueSwrContext& swr, const AVFrame* frame, int rate, i
 
 // Decodes on from where `s` stands and converts with swr_convert to packed
 // float at `rate` and `channels`, until `wanted` samples are converted (a
-// negative count: to the end of the stream). Returns the samples converted,
-// -1 when no frame can be allocated.
-long long plain_resample(PlainStream& s, int rate, int channels, long long wanted);
+// negative count: to the end of the stream, the resampler's tail included).
+// Returns the samples converted, -1 when no frame can be allocated; `kept`,
+// when given, receives them.
+long long plain_resample(PlainStream& s, int rate, int channels, long long wanted, std::vector<float>* kept = nullptr);
 
 }  // namespace cli
