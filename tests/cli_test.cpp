@@ -6,7 +6,6 @@
 #ifdef CLIPDEC_TOOL
 #include <sys/wait.h>
 
-#include <fstream>
 #include <sstream>
 
 #include "audio_overview.h"

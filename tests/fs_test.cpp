@@ -3,21 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-
 #include "support.h"
 #include "utils/fs.h"
 #include "utils/wave_files.h"
 #include "utils/zo_md5.h"
 
 namespace {
-
-std::string md5_of(const std::string& text) {
-    const char* hex = zo::MD5String(text.c_str());
-    const std::string out = hex;
-    std::free(const_cast<char*>(hex));
-    return out;
-}
 
 // A fresh directory per test under the build's scratch area.
 class FsTest : public ::testing::Test {
@@ -59,6 +50,7 @@ TEST_F(FsTest, OpenStatAndUniqueIdOfUtf8Names) {
     ASSERT_TRUE(fs::zo_file_stat(path.c_str(), st) && st.st_size == 5);
 
     // The id is the MD5 of "<native path>_<size>_<mtime>".
+    const auto md5_of = [](const std::string& text) { return testsupport::take_text(zo::MD5String(text.c_str())); };
     EXPECT_EQ(fs::file_unique_id((dir_ + "//gone.wav").c_str()), md5_of(dir_ + "/gone.wav_0_0"));
     const std::string id = fs::file_unique_id(path.c_str());
     EXPECT_EQ(id, md5_of(path + "_5_" + std::to_string(static_cast<long long>(st.st_mtime))));

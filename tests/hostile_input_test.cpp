@@ -8,7 +8,6 @@
 #include <dirent.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <iterator>
 
 #include "ff_tools.h"
@@ -83,10 +82,6 @@ TEST(HostileInputSuite, EveryFormerFuzzCrashNowPasses) {
     fuzzdrive::movie_bytes(tiny, 0);
 }
 
-void copy_file(const std::string& from, const std::string& to) {
-    std::ofstream(to, std::ios::binary | std::ios::trunc) << std::ifstream(from, std::ios::binary).rdbuf();
-}
-
 // The file goes away, or becomes other bytes, while two decoders read it:
 // whatever they answer, nothing crashes and closing afterwards is clean.
 TEST(HostileInputSuite, FileDeletedOrRewrittenWhileDecodersRead) {
@@ -94,7 +89,7 @@ TEST(HostileInputSuite, FileDeletedOrRewrittenWhileDecodersRead) {
     testmedia::LogCapture quiet;
     for (const std::string change : {"delete", "rewrite", "truncate"}) {
         const std::string path = std::string(CLIPDEC_TEST_TMP) + "/changing_" + change + ".mp4";
-        copy_file(testmedia::path("h264_cfr.mp4"), path);
+        testsupport::copy_file(testmedia::path("h264_cfr.mp4"), path);
         const ff::MovieCtx* movie = ff::getMovieInfo(path.c_str(), nullptr);
         ASSERT_NE(movie, nullptr);
         ff::FFDecoder video, audio;
@@ -104,7 +99,7 @@ TEST(HostileInputSuite, FileDeletedOrRewrittenWhileDecodersRead) {
         vreq.time = ff::Rational(1, 2);
         ASSERT_NE(video.getVideoFrame(vreq), nullptr);
         if (change == "delete") unlink(path.c_str());
-        if (change == "rewrite") copy_file(testmedia::path("random.bin"), path);
+        if (change == "rewrite") testsupport::copy_file(testmedia::path("random.bin"), path);
         EXPECT_TRUE(change != "truncate" || truncate(path.c_str(), 3000) == 0);
         for (int k = 0; k < 100; ++k) {
             vreq.time = ff::Rational((k * 37) % 100, 25);  // forward and back over the whole file

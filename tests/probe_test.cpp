@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <fstream>
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -26,9 +25,7 @@ namespace {
 // The cache is keyed by the path string, so a fresh copy is an unprobed file.
 std::string fresh_copy(const char* name, const std::string& tag) {
     const std::string to = std::string(CLIPDEC_TEST_TMP) + "/" + tag + "_" + name;
-    std::ifstream in(testmedia::path(name), std::ios::binary);
-    std::ofstream out(to, std::ios::binary | std::ios::trunc);
-    out << in.rdbuf();
+    testsupport::copy_file(testmedia::path(name), to);
     return to;
 }
 

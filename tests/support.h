@@ -1,7 +1,7 @@
 // What the tests share: streams of the generated media, the frame a stream
 // should show at a timestamp (from one plain decode), ramp checks for the
-// position-coded audio, decode-counter deltas, captured output, and a gate
-// and a bounded wait for tests that order threads.
+// position-coded audio, decode-counter deltas, captured output, text and
+// files, and a gate and a bounded wait for tests that order threads.
 // Including it brings GoogleTest, media.h and the library's decoder, instance
 // and counter headers: a test file includes only what it needs beyond those.
 #pragma once
@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -111,6 +112,17 @@ struct Counts {
 };
 
 inline bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// Text the library hands back in malloc'ed memory, freed; "<null>" for none.
+inline std::string take_text(const char* p) {
+    const std::string s = p ? p : "<null>";
+    std::free(const_cast<char*>(p));
+    return s;
+}
+
+inline void copy_file(const std::string& from, const std::string& to) {
+    std::ofstream(to, std::ios::binary | std::ios::trunc) << std::ifstream(from, std::ios::binary).rdbuf();
+}
 
 // What `action` writes to standard output or standard error.
 template <typename F>

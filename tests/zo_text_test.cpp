@@ -11,6 +11,8 @@
 
 namespace {
 
+using testsupport::take_text;
+
 TEST(ZoTextTest, TrimAffixFormatAndCase) {
     // input, trim_begin, trim_end, trim. The first character is never cleared
     // by trim_end; vertical tab is not trim space.
@@ -133,13 +135,6 @@ TEST(ZoEncodingTest, NarrowSideFollowsLocale) {
     std::setlocale(LC_CTYPE, saved.c_str());
 }
 
-// The library hands back malloc'ed text.
-std::string take(const char* p) {
-    const std::string s = p ? p : "<null>";
-    std::free(const_cast<char*>(p));
-    return s;
-}
-
 TEST(ZoMd5Test, VectorsPiecesMaskedShortAndFileForms) {
     const char* const vectors[][2] = {
         // empty, one block, padding spilling into a second block, several blocks
@@ -152,21 +147,21 @@ TEST(ZoMd5Test, VectorsPiecesMaskedShortAndFileForms) {
         SCOPED_TRACE(v[0]);
         std::string s = v[0];
         auto* bytes = reinterpret_cast<unsigned char*>(s.data());
-        EXPECT_EQ(take(zo::MD5String(v[0])), v[1]);
-        EXPECT_EQ(take(zo::MD5BinData(bytes, s.size())), v[1]);
+        EXPECT_EQ(take_text(zo::MD5String(v[0])), v[1]);
+        EXPECT_EQ(take_text(zo::MD5BinData(bytes, s.size())), v[1]);
         zo::md5 ctx;  // fed in uneven pieces
         for (size_t pos = 0, step = 1; pos < s.size(); pos += step, step = step * 2 + 1)
             ctx.Update(bytes + pos, static_cast<unsigned int>(std::min(step, s.size() - pos)));
         ctx.Update(nullptr, 3);  // nothing to add: the digest stays that of the text
         ctx.Update(bytes, 0);
         ctx.Finalize();
-        EXPECT_EQ(take(zo::PrintMD5(ctx.digest)), v[1]);
+        EXPECT_EQ(take_text(zo::PrintMD5(ctx.digest)), v[1]);
     }
 
-    EXPECT_EQ(take(zo::MD5String_Masked("abc")), "900050983cd04cb0d4943c7c28e07c70");
+    EXPECT_EQ(take_text(zo::MD5String_Masked("abc")), "900050983cd04cb0d4943c7c28e07c70");
     char* hex = const_cast<char*>(zo::MD5String("abc"));
     EXPECT_EQ(zo::MD5_32_to_16(hex), hex);
-    EXPECT_EQ(take(hex), "3cd24fb0d6963f7d");
+    EXPECT_EQ(take_text(hex), "3cd24fb0d6963f7d");
     char too_short[] = "0123456789";
     EXPECT_STREQ(zo::MD5_32_to_16(too_short), "0123456789");
     EXPECT_TRUE(!zo::MD5_32_to_16(nullptr) && !zo::MD5String(nullptr) && !zo::MD5String_Masked(nullptr) &&
@@ -179,7 +174,7 @@ TEST(ZoMd5Test, VectorsPiecesMaskedShortAndFileForms) {
     FILE* f = std::fopen(path.c_str(), "wb");
     ASSERT_TRUE(f && std::fwrite(data.data(), 1, data.size(), f) == data.size());
     std::fclose(f);
-    EXPECT_EQ(take(zo::MD5File(path.c_str())), take(zo::MD5BinData(data.data(), data.size())));
+    EXPECT_EQ(take_text(zo::MD5File(path.c_str())), take_text(zo::MD5BinData(data.data(), data.size())));
     std::remove(path.c_str());
     EXPECT_EQ(zo::MD5File(path.c_str()), nullptr);
 }

@@ -90,23 +90,16 @@ def test_blocking_calls_release_the_gil(tmp_path):
     # One long call on a thread; the main thread must run meanwhile.
     path = tmp_path / "ramp.flac"
     shutil.copy(media("ramp60.flac"), path)
-    started, done = threading.Event(), threading.Event()
-
-    def work():
-        started.set()
-        clipdec.waveform(path)
-        done.set()
-
+    started = threading.Event()
+    thread = threading.Thread(target=lambda: (started.set(), clipdec.waveform(path)))
     old = sys.getswitchinterval()
     sys.setswitchinterval(1.0)  # without a release, the worker would keep the GIL for its whole call
     try:
-        thread = threading.Thread(target=work)
         thread.start()
         started.wait()
         spins = 0
-        while not done.is_set():
+        while thread.is_alive():
             spins += 1
-        thread.join()
     finally:
         sys.setswitchinterval(old)
     assert spins > 1000
