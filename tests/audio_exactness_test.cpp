@@ -7,7 +7,6 @@
 #include <random>
 
 #include "ffdecoder2.h"
-#include "plain_ffmpeg.h"
 #include "support.h"
 
 using namespace ff;

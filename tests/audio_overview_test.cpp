@@ -5,7 +5,6 @@
 #include <cmath>
 
 #include "audio_overview.h"
-#include "plain_ffmpeg.h"
 #include "support.h"
 
 using namespace ff;

@@ -9,7 +9,6 @@
 #include <sstream>
 
 #include "audio_overview.h"
-#include "plain_ffmpeg.h"
 #include "support.h"
 
 using testmedia::ramp_sample;

@@ -8,7 +8,6 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
-#include "plain_ffmpeg.h"
 #include "support.h"
 
 using namespace ff;

@@ -6,8 +6,6 @@ extern "C" {
 #include <libavutil/md5.h>
 }
 
-#include "plain_ffmpeg.h"
-
 namespace testmedia {
 
 std::string path(const char* name) { return std::string(CLIPDEC_TEST_MEDIA) + "/" + name; }

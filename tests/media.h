@@ -14,8 +14,11 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
+// The owners come in by this path before the tool's loop includes them as
+// <clipdec/ff_ptr.h>: one file, so coverage names them once, under src/.
 #include "ff_ptr.h"
 #include "frame_records.h"
+#include "plain_ffmpeg.h"  // the tool's plain FFmpeg loop, which decodes the references
 
 namespace testmedia {
 
