@@ -1,5 +1,5 @@
 // The decoding engine (FFDecoderPrivate over the scheduler and its frame
-// cache tasks) side by side with plain FFmpeg loops written here, on the
+// cache tasks) side by side with the tool's plain FFmpeg loop (cli::PlainStream), on the
 // 10-second 1080p H.264 MP4 (25 fps, B-frames, key frame every 2 s):
 //
 //   BM_Seq_*              sequential reading of every frame, no conversion
@@ -117,14 +117,6 @@ void report_engine_counters(benchmark::State& state, const CounterSnapshot& befo
 
 // ------------------------------------------------------------ plain FFmpeg
 
-// The tool's own plain loop (tools/plain_ffmpeg.h: one demuxer, one decoder
-// with threads "auto", send/receive) on the file's best video stream; it
-// counts what it decodes and seeks.
-class PlainDecoder : public cli::PlainStream {
-public:
-    bool open(const std::string& path) { return cli::PlainStream::open(path.c_str(), -1); }
-};
-
 // The size the engine gives a picture for `divider`: width rounded up to a
 // multiple of 16 and height to an even number after the integer division.
 void divided_size(int width, int height, int divider, int* out_w, int* out_h) {
@@ -212,9 +204,9 @@ void BM_Seq_Plain(benchmark::State& state) {
     int64_t frames = 0;
     for (auto _ : state) {
         state.PauseTiming();
-        auto dec = std::make_unique<PlainDecoder>();
+        auto dec = std::make_unique<cli::PlainStream>();
         ff::UniqueAVFrame frame(av_frame_alloc());
-        if (!dec->open(bench_file()) || !frame) {
+        if (!dec->open(bench_file().c_str(), -1) || !frame) {
             state.SkipWithError("plain open failed");
             return;
         }
@@ -289,9 +281,9 @@ void BM_Rgba_Plain(benchmark::State& state) {
     int out_h = 0;
     for (auto _ : state) {
         state.PauseTiming();
-        auto dec = std::make_unique<PlainDecoder>();
+        auto dec = std::make_unique<cli::PlainStream>();
         ff::UniqueAVFrame frame(av_frame_alloc());
-        if (!dec->open(bench_file()) || !frame) {
+        if (!dec->open(bench_file().c_str(), -1) || !frame) {
             state.SkipWithError("plain open failed");
             return;
         }
@@ -378,9 +370,9 @@ bool engine_pass(const ff::StreamCtx* sc, int divider, Pass* out) {
 // The plain loop; `divider` as above (sws_scale, fast bilinear, into one RGBA
 // buffer of the engine's picture size).
 bool plain_pass(int divider, Pass* out) {
-    auto dec = std::make_unique<PlainDecoder>();
+    auto dec = std::make_unique<cli::PlainStream>();
     ff::UniqueAVFrame frame(av_frame_alloc());
-    if (!dec->open(bench_file()) || !frame) return false;
+    if (!dec->open(bench_file().c_str(), -1) || !frame) return false;
     int out_w = 0;
     int out_h = 0;
     const AVCodecParameters* par = dec->stream()->codecpar;
@@ -483,10 +475,10 @@ void BM_Pair_RandomAccess(benchmark::State& state) {
     uint64_t engine_seeks = 0;
     for (auto _ : state) {
         auto dec = std::make_unique<ff::FFDecoderPrivate>();
-        auto plain = std::make_unique<PlainDecoder>();
+        auto plain = std::make_unique<cli::PlainStream>();
         ff::UniqueAVFrame cur(av_frame_alloc());
         ff::UniqueAVFrame prev(av_frame_alloc());
-        if (!dec->open(sc) || !plain->open(bench_file()) || !cur || !prev) {
+        if (!dec->open(sc) || !plain->open(bench_file().c_str(), -1) || !cur || !prev) {
             state.SkipWithError("open failed");
             return;
         }

@@ -71,4 +71,18 @@ using UniqueAVFilterInOut = std::unique_ptr<AVFilterInOut, AVFilterInOutDeleter>
 inline UniqueAVFrame make_frame() { return UniqueAVFrame(av_frame_alloc()); }
 inline UniqueAVPacket make_packet() { return UniqueAVPacket(av_packet_alloc()); }
 
+// avfilter_graph_parse_ptr takes both list heads by address, consumes what it
+// connects and leaves in them whatever it left unconnected (also on failure):
+// the lists leave their owners for the call, and the owners take back what it
+// hands back.
+inline int parse_filter_graph(AVFilterGraph* graph, const char* descr, UniqueAVFilterInOut& inputs,
+                              UniqueAVFilterInOut& outputs) {
+    AVFilterInOut* in = inputs.release();
+    AVFilterInOut* out = outputs.release();
+    const int ret = avfilter_graph_parse_ptr(graph, descr, &in, &out, nullptr);
+    inputs.reset(in);
+    outputs.reset(out);
+    return ret;
+}
+
 }  // namespace ff

@@ -43,19 +43,6 @@ struct InOutLists {
     UniqueAVFilterInOut inputs{avfilter_inout_alloc()};
 };
 
-// avfilter_graph_parse_ptr takes both list heads by address, consumes what it
-// connects and leaves in them whatever it left unconnected (also on failure):
-// the lists leave their owners for the call, and the owners take back what
-// it hands back.
-int parse_into(AVFilterGraph* graph, const char* descr, InOutLists& io) {
-    AVFilterInOut* inputs = io.inputs.release();
-    AVFilterInOut* outputs = io.outputs.release();
-    const int ret = avfilter_graph_parse_ptr(graph, descr, &inputs, &outputs, nullptr);
-    io.inputs.reset(inputs);
-    io.outputs.reset(outputs);
-    return ret;
-}
-
 const char* error_text(int err, char (&text)[kErrSize]) {
     av_strerror(err, text, sizeof(text));
     return text;
@@ -97,7 +84,7 @@ int build_ends(AVFilterMgr& mgr, const GraphEnds& ends, const std::string& args,
     io.inputs->next = nullptr;
     if (!io.outputs->name || !io.inputs->name) return AVERROR(ENOMEM);
 
-    ret = parse_into(mgr.filter_graph, descr, io);
+    ret = parse_filter_graph(mgr.filter_graph, descr, io.inputs, io.outputs);
     if (ret < 0) {
         char err[kErrSize];
         if (ends.log_parse_and_config)

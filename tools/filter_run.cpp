@@ -33,13 +33,7 @@ bool build_graph(AVFilterGraph* graph, const std::string& chain, const AVFrame* 
     outputs->filter_ctx = *src;
     inputs->name = av_strdup("out");
     inputs->filter_ctx = *sink;
-    // The call takes both heads by address and leaves in them what it did
-    // not connect: the owners take back whatever it hands back.
-    AVFilterInOut* out_raw = outputs.release();
-    AVFilterInOut* in_raw = inputs.release();
-    const int parsed = avfilter_graph_parse_ptr(graph, chain.c_str(), &in_raw, &out_raw, nullptr);
-    inputs.reset(in_raw);
-    outputs.reset(out_raw);
+    const int parsed = ff::parse_filter_graph(graph, chain.c_str(), inputs, outputs);
     if (parsed < 0 || avfilter_graph_config(graph, nullptr) < 0) {
         error = "cannot build the drawing filters (is fonts-dejavu-core installed?)";
         return false;

@@ -61,16 +61,19 @@ long long plain_resample(PlainStream& s, int rate, int channels, long long wante
     ff::UniqueSwrContext swr;
     std::vector<float> out;
     long long converted = 0;
-    // Null input drains what the resampler still holds.
+    // Converts to the end of `kept` (or into one reused buffer); null input
+    // drains what the resampler still holds.
+    std::vector<float>& into = kept ? *kept : out;
     auto convert = [&](const uint8_t** in, int count) {
         const int room = swr_get_out_samples(swr.get(), count);
         if (room < 0) return false;
-        out.resize(static_cast<size_t>(room) * channels);
-        uint8_t* dst[1] = {reinterpret_cast<uint8_t*>(out.data())};
+        const size_t at = kept ? into.size() : 0;
+        into.resize(at + static_cast<size_t>(room) * channels);
+        uint8_t* dst[1] = {reinterpret_cast<uint8_t*>(into.data() + at)};
         const int got = swr_convert(swr.get(), dst, room, in, count);
+        into.resize(at + static_cast<size_t>(std::max(got, 0)) * channels);
         if (got < 0) return false;
         converted += got;
-        if (kept) kept->insert(kept->end(), out.begin(), out.begin() + static_cast<long>(got) * channels);
         return true;
     };
     while ((wanted < 0 || converted < wanted) && s.next(frame.get()) >= 0) {
