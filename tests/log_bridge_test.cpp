@@ -1,7 +1,5 @@
 // The log bridge reads "cstyle-api" once per process, so every check that
-// needs a particular environment re-runs this test binary as a child process
-// with a filter selecting one "Child" test; that test skips itself when it is
-// not running as such a child.
+// needs a particular environment runs in a fresh copy of this test binary.
 
 #include <unistd.h>
 
@@ -9,6 +7,8 @@
 #include <cstdarg>
 #include <set>
 #include <tuple>
+
+#include <gtest/gtest-spi.h>
 
 #include "ffmpeg_error.h"
 #include "log.h"
@@ -21,21 +21,26 @@ extern "C" {
 
 namespace {
 
-bool running_as_child() { return std::getenv("CLIPDEC_BRIDGE_CHILD") != nullptr; }
-
-// Runs one test of this binary in a fresh process: true when it ran (was not
-// skipped) and passed; `output` gets what it printed.
-bool child_passes(const std::string& test_name, const std::string& env, std::string& output) {
-    char exe[4096] = {};
-    EXPECT_GT(readlink("/proc/self/exe", exe, sizeof exe - 1), 0);
-    output.clear();
-    const std::string command = "env " + env + " CLIPDEC_BRIDGE_CHILD=1 '" + exe + "' --gtest_filter=" + test_name;
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    if (!pipe) return false;
-    char chunk[4096];
-    for (size_t got; (got = fread(chunk, 1, sizeof chunk, pipe)) > 0;) output.append(chunk, got);
-    const int status = pclose(pipe);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0 && !testsupport::contains(output, "SKIPPED ]");
+// Runs `checks` in a fresh process of this binary (a "threadsafe" death test
+// re-executes it), with "cstyle-api" set to `api` (null: unset) before the
+// bridge first reads it. A death-test child reports no failures itself: they
+// are collected and written to standard error, which the parent shows when
+// the child exits non-zero.
+template <typename Checks>
+void in_fresh_process(const char* api, Checks checks) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            testing::TestPartResultArray failures;
+            {
+                testing::ScopedFakeTestPartResultReporter collect(&failures);
+                api ? setenv("cstyle-api", api, 1) : unsetenv("cstyle-api");
+                checks();
+            }
+            for (int i = 0; i < failures.size(); ++i) std::fprintf(stderr, "%s\n", failures.GetTestPartResult(i).message());
+            std::exit(failures.size() == 0 ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 // ---- a host table that records what the library hands it
@@ -71,17 +76,14 @@ std::string address_of(const void* p) {
     return text;
 }
 
-}  // namespace
-
-TEST(LogBridgeChild, HostTableReceivesEveryCall) {
-    if (!running_as_child()) GTEST_SKIP() << "runs only as a child process";
+void host_table_receives_every_call() {
     static std::array<NoBridge::HostFn, 16> table;
     table.fill(host_forbidden);
     table[NoBridge::kWriteLog] = reinterpret_cast<NoBridge::HostFn>(host_write_log);
     table[NoBridge::kOpenScope] = reinterpret_cast<NoBridge::HostFn>(host_open_scope);
     table[NoBridge::kCloseScope] = reinterpret_cast<NoBridge::HostFn>(host_close_scope);
     table[NoBridge::kGetInt] = reinterpret_cast<NoBridge::HostFn>(host_get_int);
-    setenv("cstyle-api", address_of(table.data()).c_str(), 1);
+    setenv("cstyle-api", address_of(table.data()).c_str(), 1);  // before the bridge's first read
 
     // A library source reports a failure: the file is relative to the project root.
     ff::WaveFiles files;
@@ -121,23 +123,24 @@ TEST(LogBridgeChild, HostTableReceivesEveryCall) {
     EXPECT_EQ(g_logs.size(), 4u);
 }
 
-TEST(LogBridgeChild, WithoutTableMessagesGoToStdout) {
-    if (!running_as_child()) GTEST_SKIP() << "runs only as a child process";
+// Without a table, or with garbage for one: the quoted message on its own
+// line of standard output, and nothing else to call.
+void without_table_messages_go_to_stdout() {
     EXPECT_FALSE(NoBridge::instance()->has_host_table());
-    CLIPDEC_LOG(ff::kLogError, ff::kTagDefault, "failed to open: %s, %s", "a.mp4", "No such file or directory");
-    std::fflush(stdout);
+    const std::string out = testsupport::stdout_of([] {
+        CLIPDEC_LOG(ff::kLogError, ff::kTagDefault, "failed to open: %s, %s", "a.mp4", "No such file or directory");
+    });
+    EXPECT_EQ(out, "\"failed to open: a.mp4, No such file or directory\"\n");
     { CLIPDEC_SCOPE("add_worker", nullptr); }  // nothing to call, nothing to crash
     EXPECT_EQ(NoBridge::instance()->get_int_setting("dec.max_af", 20), 20);
 }
 
-TEST(LogBridge, HostTableOrQuotedMessagesOnStdout) {
-    std::string out;
-    EXPECT_TRUE(child_passes("LogBridgeChild.HostTableReceivesEveryCall", "", out)) << out;
-    // Without a table, or with garbage for one: the quoted message on its own line.
-    for (const std::string env : {"-u cstyle-api", "cstyle-api=not-an-address"})
-        EXPECT_TRUE(child_passes("LogBridgeChild.WithoutTableMessagesGoToStdout", env, out) &&
-                    testsupport::contains(out, "\n\"failed to open: a.mp4, No such file or directory\"\n"))
-            << env << "\n" << out;
+}  // namespace
+
+TEST(LogBridgeDeathTest, HostTableOrQuotedMessagesOnStdout) {
+    in_fresh_process(nullptr, host_table_receives_every_call);
+    in_fresh_process(nullptr, without_table_messages_go_to_stdout);
+    in_fresh_process("not-an-address", without_table_messages_go_to_stdout);
 }
 
 TEST(FfmpegError, RingOfTenSlotsHoldsFfmpegText) {
