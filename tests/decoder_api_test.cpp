@@ -30,6 +30,7 @@ TEST(DecoderApi, ContiguousAudioRunsAddUpExactly) {
         // fltp: the sample queue and a filter follow what it really delivers.
         {"ts_offset.ts", "", 48000, SF_FLT, 100, 96000, false},
         {"ts_offset.ts", "volume=0.5", 48000, SF_FLT, 100, 96000, false},
+        {"flac_6ch.flac", "volume=0.5", 48000, SF_FLT, 150, 144000, false},  // a 5.1 layout through a filter
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(std::string(r.file) + " at " + std::to_string(r.rate) + (r.filter ? " filtered" : ""));
