@@ -6,7 +6,7 @@
 #ifdef CLIPDEC_TOOL
 #include <sys/wait.h>
 
-#include <sstream>
+#include <iterator>
 
 #include "audio_overview.h"
 #include "support.h"
@@ -22,9 +22,7 @@ struct Result { int code = -1; std::string out, err; };
 using Check = std::function<void(const Result&)>;
 
 std::string read_all(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
+    return std::string(std::istreambuf_iterator<char>(std::ifstream(path, std::ios::binary).rdbuf()), {});
 }
 
 long count_of(const std::string& text, char c) { return std::count(text.begin(), text.end(), c); }

@@ -51,18 +51,17 @@ TEST(HwDecoder, ListsChoosesRefusesAndDisablesDeviceTypes) {
     const std::vector<const char*> types = hw_enum_devices();
     std::string list;
     for (const char* t : types) list += std::string(t) + ",";
-    EXPECT_EQ(log.take(), "\"[hw]# available device types: " + list + "\"\n");
+    const std::string available = "\"[hw]# available device types: " + list + "\"\n";
+    EXPECT_EQ(log.take(), available);
 
+    // A refused name is reported with the list; the default is the first listed type.
     EXPECT_FALSE(hw_enable_device("no-such-device"));
-    std::string text = log.take();
-    EXPECT_TRUE(contains(text, "\"Device type 'no-such-device' is not supported.\"\n") &&
-                contains(text, "available device types: " + list)) << text;
+    EXPECT_EQ(log.take(), "\"Device type 'no-such-device' is not supported.\"\n" + available);
     EXPECT_EQ(HWDecoder::instance()->private_data()->device_type.load(), AV_HWDEVICE_TYPE_NONE);
 
     if (!types.empty()) {
         EXPECT_TRUE(hw_enable_device(""));
-        text = log.take();
-        EXPECT_TRUE(contains(text, std::string("\"[hw]# Use default HWDevice: '") + types[0] + "'\"\n")) << text;
+        EXPECT_EQ(log.take(), available + "\"[hw]# Use default HWDevice: '" + types[0] + "'\"\n");
         EXPECT_STREQ(HWDecoder::instance()->private_data()->device_name, types[0]);
         // A refused name keeps the previous choice.
         EXPECT_FALSE(hw_enable_device("no-such-device"));
@@ -80,7 +79,6 @@ TEST(HwDecoder, ListsChoosesRefusesAndDisablesDeviceTypes) {
     ASSERT_TRUE(audio && log.take().empty());
     HWDecoder::instance()->hw_codec_free_context(&video);
     HWDecoder::instance()->hw_codec_free_context(&audio);
-    EXPECT_EQ(video, nullptr);
 }
 
 TEST(HwDecoder, UnusableDeviceFallsBackToIdenticalSoftwareFrames) {

@@ -14,7 +14,6 @@
 #include <set>
 #include <stdexcept>
 
-#include "ff_tools.h"
 #include "ffdec_task.h"
 #include "ffdecoder2.h"
 #include "process_stats.h"
@@ -22,6 +21,7 @@
 
 using namespace ff;
 using testsupport::Gate;
+using testsupport::index_of;
 using testsupport::wait_until;
 
 namespace {
@@ -53,15 +53,11 @@ constexpr auto kLimit = std::chrono::seconds(20);  // only against a hang; short
 
 // Work runs aside through std::async; done() is true when it finished within the limit.
 template <typename T>
-bool done(std::future<T>& f) {
-    return f.wait_for(kLimit) == std::future_status::ready;
-}
+bool done(std::future<T>& f) { return f.wait_for(kLimit) == std::future_status::ready; }
 
 RequireVideoFrame at_ms(long long ms, std::atomic<bool>* cancel = nullptr) {
     return {Rational(ms, 1000), PF_YUV420P, 1, cancel};
 }
-
-int index_of(const std::shared_ptr<VFrameCtx>& p) { return p ? testmedia::picture_index(*p) : -1; }
 
 // The picture an asynchronous request is answered with; -2 when none comes.
 int async_index(FFDecoder& dec, long long ms) {
@@ -82,6 +78,17 @@ void occupy(FFDecoder& dec, Gate& release, const std::function<void(int)>& then 
     });
     ASSERT_TRUE(running.wait());
 }
+
+// A decoder whose requests throw, as one running out of memory would.
+class ThrowingDecoder : public FFDecoder {
+public:
+    std::atomic<bool> fail{false};
+    std::atomic<int> thrown{0};  // by a request, or by a host callback
+    std::shared_ptr<VFrameCtx> pri_getVideoFrame(const RequireVideoFrame& req, int seq) override {
+        if (fail) ++thrown, throw std::bad_alloc();
+        return FFDecoder::pri_getVideoFrame(req, seq);
+    }
+};
 
 class Video : public testing::Test {
 protected:
@@ -124,10 +131,10 @@ TEST_F(Video, HeldJobsDelayNoOtherDecoderAndEndWithTheirOwnClose) {
     auto setter = std::async(std::launch::async, [&] { return a.setFilters("hflip"); });
     auto cached = std::async(std::launch::async, [&] { return c.getVideoFrame(at_ms(0)); });
     auto close = std::async(std::launch::async, [&] { b.close(); });  // also ends the second wait
-    const bool others_done = gave_up && done(cut) && done(cached) && done(close);
-    const bool still_held = JobHold::held.load() == 1;
+    // All of them end while a's job is still held.
+    const bool others_done = gave_up && done(cut) && done(cached) && done(close) && JobHold::held.load() == 1;
     JobHold::holding = false;
-    ASSERT_TRUE(others_done && still_held);
+    ASSERT_TRUE(others_done);
     EXPECT_EQ(cancelled.get(), nullptr);
     EXPECT_EQ(cut.get(), nullptr);
     EXPECT_EQ(index_of(cached.get()), 0);
@@ -167,20 +174,24 @@ TEST_F(Video, ADecoderThatNeverOpenedCreatesNoPool) {
     {
         FFDecoder failed;
         EXPECT_FALSE(failed.open(&unopenable));
-        EXPECT_FALSE(failed.reopen());
         for (FFDecoder* d : {&dec, &failed}) {  // the fixture's is never opened here
             EXPECT_EQ(d->getVideoFrame(at_ms(0)), nullptr);
             EXPECT_EQ(d->getAudioFrame(testsupport::audio_request({0, 1}, {1, 1}, SF_S16, 48000)), nullptr);
-            d->pri_seek(Rational(1, 1), false);
+            for (bool async : {false, true}) d->pri_seek(Rational(1, 1), async);
+            EXPECT_FALSE(d->reopen() || d->isOpened());
+            EXPECT_EQ(d->getImageDivider(MM_AUTO), 1);
             d->close();
         }
     }
+    EXPECT_EQ(dec.streamContex(), nullptr);
     EXPECT_EQ(before.second, 0u);
     EXPECT_EQ(registry(), before);
 }
 
+// Open, open while open, reopen and close, over and over, leave the pool's
+// worker count and the process's thread count where they were.
 TEST_F(Video, OpenReopenAndCloseCyclesLeaveNoTaskOrThread) {
-    mem_collection(0);  // the probe's parked decoder (and its threads) goes first
+    FFDecoder::memCollection(0);  // the probe's parked decoder (and its threads) goes first
     const size_t workers_before = workers();
     const int threads_before = processstats::thread_count();
     FFDecoder kept;
@@ -199,26 +210,13 @@ TEST_F(Video, OpenReopenAndCloseCyclesLeaveNoTaskOrThread) {
     EXPECT_EQ(processstats::thread_count(), threads_before);
 }
 
-namespace {
-
-// A decoder whose requests throw, as one running out of memory would.
-class ThrowingDecoder : public FFDecoder {
-public:
-    std::atomic<bool> fail{false};
-    std::atomic<int> thrown{0};  // by a request, or by a host callback
-    std::shared_ptr<VFrameCtx> pri_getVideoFrame(const RequireVideoFrame& req, int seq) override {
-        if (fail) ++thrown, throw std::bad_alloc();
-        return FFDecoder::pri_getVideoFrame(req, seq);
-    }
-};
-
-}  // namespace
-
+// An exception in a request (synchronous or asynchronous) or in the host's
+// callback is caught and logged, and the decoder's worker goes on answering.
 TEST_F(Video, NoExceptionReachesTheHostAndTheWorkerGoesOn) {
-    const struct Case { const char* what; bool async, callback_throws; } cases[] = {
-        {"request throws", false, false},
-        {"asynchronous request throws", true, false},
-        {"callback throws", true, true},
+    const struct Case { const char* what; bool async, callback_throws; const char* logged; } cases[] = {
+        {"request throws", false, false, "exception caught: std::bad_alloc"},
+        {"asynchronous request throws", true, false, "exception caught: std::bad_alloc"},
+        {"callback throws", true, true, "asynchronous callback: exception caught: host callback failed"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -239,12 +237,12 @@ TEST_F(Video, NoExceptionReachesTheHostAndTheWorkerGoesOn) {
         throwing.fail = false;
         EXPECT_EQ(async_index(throwing, 800), 20);
         const std::string text = log.take();
-        const char* logged = c.callback_throws ? "asynchronous callback: exception caught: host callback failed"
-                                               : "exception caught: std::bad_alloc";
-        EXPECT_TRUE(testsupport::contains(text, logged)) << text;
+        EXPECT_TRUE(testsupport::contains(text, c.logged)) << text;
     }
 }
 
+// While the worker is busy, each new asynchronous request discards the ones
+// still waiting: only the newest is answered.
 TEST_F(Video, AsyncNewestRequestReplacesTheWaitingOnes) {
     ASSERT_TRUE(dec.open(video.stream));
     Gate release, last_done;
@@ -262,6 +260,8 @@ TEST_F(Video, AsyncNewestRequestReplacesTheWaitingOnes) {
     EXPECT_EQ(delivered, (std::vector<int>{0, 90}));
 }
 
+// Asynchronous requests cancelled, or made stale by a close, never call back;
+// after reopen a new worker answers, and a callback may close its decoder.
 TEST_F(Video, AsyncCancelledAndClosedRequestsNeverCallBackReopenAnswersAndCallbacksMayClose) {
     ASSERT_TRUE(dec.open(video.stream));
     std::atomic<int> calls{0};
@@ -299,6 +299,8 @@ TEST_F(Video, AsyncCancelledAndClosedRequestsNeverCallBackReopenAnswersAndCallba
     EXPECT_TRUE(answered.wait());
 }
 
+// A decoder's first asynchronous requests, made at once from many threads,
+// start one worker thread between them.
 TEST_F(Video, AsyncFirstRequestsRacingCreateOneWorker) {
     ASSERT_TRUE(dec.open(video.stream));
     std::mutex mutex;

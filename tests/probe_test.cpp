@@ -50,12 +50,15 @@ TEST(Probe, EveryKindOfFileIsDescribed) {
         {"raw.h264", 1, 1, 0, -1, 2960000, 0, false, 320, 240, 0},          // measured: last frame at 74/25 s
         {"rotated.mp4", -1, 1, -1, -1, -1, 0, false, 320, -1, 270},         // from the display matrix
         {"audio40.mkv", kMaxMovieStreams, 0, kMaxStreamsPerType, -1, -1, 0, false, -1, -1, 0},
+        // Random bytes and a truncated file still open; whatever they describe is complete.
+        {"random.bin", -1, -1, -1, -1, -1, 0, false, -1, -1, 0},
+        {"truncated.mp4", -1, -1, -1, -1, -1, 0, false, -1, -1, 0},
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.file);
         MovieCtx* mv = FFDecoder::probe(testmedia::path(r.file).c_str(), nullptr);
         ASSERT_NE(mv, nullptr);
-        ASSERT_EQ(mv->nb_video, r.video);
+        ASSERT_TRUE(r.video < 0 || mv->nb_video == r.video) << mv->nb_video << " video streams";
         const int counts[][2] = {{r.streams, mv->nb_streams}, {r.audio, mv->nb_audio}, {r.subtitle, mv->nb_subtitle}};
         for (const auto& c : counts) EXPECT_TRUE(c[0] < 0 || c[0] == c[1]) << c[1] << " streams, not " << c[0];
         EXPECT_TRUE(r.duration < 0 || std::llabs(mv->duration - r.duration) <= r.slack) << mv->duration;
@@ -63,7 +66,7 @@ TEST(Probe, EveryKindOfFileIsDescribed) {
         // The index lists point into the records, also past streams left out.
         for (int i = 0; i < std::min<int>(mv->nb_audio, kMaxStreamsPerType); ++i)
             EXPECT_EQ(mv->streams[mv->audio_indexes[i]]->type, STREAM_AUDIO);
-        if (r.video == 0) continue;
+        if (r.video <= 0) continue;
         const StreamCtx* v = mv->streams[mv->video_indexes[0]];
         EXPECT_TRUE(v->type == STREAM_VIDEO && v->still_image == r.still && v->rotation == r.rotation) << v->rotation;
         EXPECT_TRUE((r.width < 0 || v->width == r.width) && (r.height < 0 || v->height == r.height))
@@ -125,12 +128,6 @@ TEST(Probe, DescribesEveryFieldFromTwoDecodedFramesAndCachesIt) {
         EXPECT_EQ(g_mvctx_map.count(bad), 0u);
     }
     EXPECT_EQ(FFDecoder::probe(nullptr, nullptr), nullptr);
-    // Random bytes and a truncated file still open; whatever they describe is complete.
-    for (const char* name : {"random.bin", "truncated.mp4"}) {
-        const MovieCtx* some = FFDecoder::probe(testmedia::path(name).c_str(), nullptr);
-        for (int i = 0; some && i < some->nb_streams; ++i) EXPECT_EQ(some->streams[i]->movie, some);
-        EXPECT_NE(some, nullptr) << name;
-    }
 }
 
 // A raw stream's container only estimates its length from the bit rate, so the
@@ -157,21 +154,20 @@ TEST(Probe, UnreliableLengthsAreMeasuredUnlessCancelled) {
 TEST(Probe, TheRotateTagWinsOverTheMatrixUnlessZeroOrNotANumber) {
     AVFormatContext* ctx = avformat_alloc_context();
     AVStream* st = avformat_new_stream(ctx, nullptr);
+    const auto tagged = [st](const char* tag) {
+        av_dict_set(&st->metadata, "rotate", tag, 0);
+        return get_rotation(st);
+    };
     const std::pair<const char*, double> tags[] = {
         {"90", 90}, {"-90", 270}, {"359.5", -0.5}, {"720", 0}, {"0", 0}, {"12abc", 0}, {"", 0}};
-    for (const auto& [tag, want] : tags) {
-        av_dict_set(&st->metadata, "rotate", tag, 0);
-        EXPECT_DOUBLE_EQ(get_rotation(st), want) << tag;
-    }
+    for (const auto& [tag, want] : tags) EXPECT_DOUBLE_EQ(tagged(tag), want) << tag;
     auto* matrix = reinterpret_cast<int32_t*>(av_stream_new_side_data(st, AV_PKT_DATA_DISPLAYMATRIX, 9 * sizeof(int32_t)));
     av_display_rotation_set(matrix, 90);
     // The angle is the negated matrix angle, brought into [-0.9, 359.1).
     const double from_matrix = std::fmod(360 - av_display_rotation_get(matrix), 360);
     EXPECT_DOUBLE_EQ(std::fabs(from_matrix - 180), 90);
-    for (const auto& [tag, want] : {std::pair<const char*, double>{"0", from_matrix}, {"x", from_matrix}, {"180", 180}}) {
-        av_dict_set(&st->metadata, "rotate", tag, 0);
-        EXPECT_DOUBLE_EQ(get_rotation(st), want) << tag;
-    }
+    for (const auto& [tag, want] : {std::pair<const char*, double>{"0", from_matrix}, {"x", from_matrix}, {"180", 180}})
+        EXPECT_DOUBLE_EQ(tagged(tag), want) << tag;
     avformat_free_context(ctx);
 }
 

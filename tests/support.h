@@ -162,10 +162,6 @@ public:
         open_ = true;
         cv_.notify_all();
     }
-    bool is_open() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return open_;
-    }
     // False when the gate stayed shut for `limit`.
     bool wait(std::chrono::seconds limit = kHangGuard) {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -178,10 +174,9 @@ private:
     bool open_ = false;
 };
 
-// The index an RGBA picture shows; -1 without a picture or in another format.
-inline int index_of(const std::shared_ptr<ff::VFrameCtx>& p) {
-    return p && p->format == AV_PIX_FMT_RGBA ? testmedia::picture_index(*p) : -1;
-}
+// The index a picture shows (RGBA, YUV420P or NV12); -1 without a picture or
+// in another format.
+inline int index_of(const std::shared_ptr<ff::VFrameCtx>& p) { return p ? testmedia::picture_index(*p) : -1; }
 // The index a decoded frame shows, or -1 without a frame.
 inline int index_of(const std::shared_ptr<AVFrame>& f) { return f ? testmedia::frame_index(f.get()) : -1; }
 

@@ -1,7 +1,8 @@
 // Movie thumbnails: the divider rules, the picture every video file of the
 // test set gives at a time and at a fraction of its duration and the
 // filmstrips it gives (checked against a plain sequential decode), the
-// reported duration, the failures, the cache, and upright pictures.
+// filmstrip's fast mode and the requests that give no strip, the reported
+// duration, the failures, the cache, and upright pictures.
 
 #include <atomic>
 #include <cmath>
@@ -14,24 +15,11 @@
 #include "utils/mempool.h"
 
 using namespace ff;
+using testsupport::expect_down;
 
 namespace {
 
 int round_up(int v, int m) { return (v + m - 1) / m * m; }
-
-using testmedia::RefFrame;
-
-// The last frame (or key frame) at or before ts; the first such frame when
-// none is.
-const RefFrame* last_at_or_before(const std::vector<RefFrame>& frames, long long ts, bool keys_only) {
-    const RefFrame* found = nullptr;
-    for (const RefFrame& f : frames)
-        if (!keys_only || f.key) {
-            if (found && f.pts > ts) break;
-            found = &f;
-        }
-    return found;
-}
 
 }  // namespace
 
@@ -63,41 +51,42 @@ TEST(Thumbnail, EveryVideoFileGivesThePredictedPicturesAndFilmstrips) {
         {160, 120, 2, 1}, {100, 0, 4, 1}, {0, 50, 5, 2}, {0, 0, 1, 1}};
     for (const char* name : files) {
         SCOPED_TRACE(name);
-        const testsupport::VideoUnderTest v = testsupport::load_video(name);
+        const testsupport::VideoUnderTest v = testsupport::load_video(name);  // frames in presentation order
         const StreamCtx* st = v.stream;
-        const std::vector<RefFrame>& frames = v.reference;  // in presentation order
-        ASSERT_TRUE(st && st->movie && !frames.empty());
+        ASSERT_TRUE(st && st->movie && !v.reference.empty());
         const MovieCtx* movie = st->movie;
         const int sw = st->width, sh = st->height;
         ASSERT_TRUE((sw == 320 && sh == 240) || (sw == 64 && sh == 64)) << sw << "x" << sh;
         const long long start = st->start_time == kNoPts ? 0 : st->start_time;
 
-        int turn = 0;
         for (const auto& t : targets) {
+            const int turn = static_cast<int>(&t - targets);
             const int d = sw == 320 ? t.divider_320x240 : t.divider_64x64;
             // Once at a time given in seconds (ratio ignored), once at a fraction.
             for (bool by_ratio : {false, true}) {
+                SCOPED_TRACE(testing::Message() << t.width << "x" << t.height << (by_ratio ? " by ratio" : " by time"));
                 RequireMvImage req{by_ratio ? 0.3 + 0.1 * turn : 0.95,
                                    by_ratio ? Rational(0, 0) : Rational(200 + 450 * turn, 1000), t.width, t.height};
                 const Rational wanted = by_ratio ? Rational(static_cast<long long>(movie->duration * req.ratio), 1000000) : req.time;
                 Rational duration(-1, 1);
                 const auto picture = getMovieImage(testmedia::path(name).c_str(), req, &duration);
-                const std::string where = "target " + std::to_string(t.width) + "x" + std::to_string(t.height) +
-                                          (by_ratio ? " ratio" : " time");
-                ASSERT_NE(picture, nullptr) << where;
-                EXPECT_TRUE(duration.num == movie->duration && duration.den == 1000000) << where;
-                EXPECT_TRUE(picture->divider == d && picture->src_width == sw) << where << " divided by " << picture->divider;
+                ASSERT_NE(picture, nullptr);
+                EXPECT_TRUE(duration.num == movie->duration && duration.den == 1000000);
+                EXPECT_TRUE(picture->divider == d && picture->src_width == sw) << "divided by " << picture->divider;
                 EXPECT_TRUE(picture->width == (d > 1 ? round_up(sw / d, 16) : sw) && picture->height == (d > 1 ? round_up(sh / d, 2) : sh))
-                    << where << ": " << picture->width << "x" << picture->height;
+                    << picture->width << "x" << picture->height;
                 const long long ts = time_to_timestamp(wanted, st->time_base) + start;
-                EXPECT_EQ(testmedia::picture_index(*picture), last_at_or_before(frames, ts, false)->index) << where;
+                EXPECT_EQ(testmedia::picture_index(*picture), expect_down(v, ts).index);
             }
-            ++turn;
         }
 
         // Filmstrips are for videos, not for an audio file's cover picture.
+        if (std::string(name) == "mp3_cover.mp3") continue;
+        testsupport::VideoUnderTest keys;  // what fast strips show: the key frame at or before each time
+        std::copy_if(v.reference.begin(), v.reference.end(), std::back_inserter(keys.reference),
+                     [](const testmedia::RefFrame& f) { return f.key; });
+        ASSERT_FALSE(keys.reference.empty());
         for (bool fast : {false, true}) {
-            if (std::string(name) == "mp3_cover.mp3") break;
             SCOPED_TRACE(fast ? "fast strip" : "exact strip");
             const RequireFilmstrip req{6, 160, 0, PF_RGBA, fast};
             const std::vector<FilmstripPicture> strip = getFilmstrip(testmedia::path(name).c_str(), req);
@@ -107,18 +96,36 @@ TEST(Thumbnail, EveryVideoFileGivesThePredictedPicturesAndFilmstrips) {
             for (int i = 0; i < 6; ++i) {
                 const FilmstripPicture& p = strip[i];
                 EXPECT_EQ(p.asked, duration * Rational(2 * i + 1, 12));
-                const RefFrame* want = last_at_or_before(frames, start + time_to_timestamp(p.asked, st->time_base), fast);
-                ASSERT_TRUE(want && p.picture) << i;
-                EXPECT_EQ(testmedia::picture_index(*p.picture), want->index) << i;
+                const auto& want = expect_down(fast ? keys : v, start + time_to_timestamp(p.asked, st->time_base));
+                ASSERT_TRUE(p.picture) << i;
+                EXPECT_EQ(testmedia::picture_index(*p.picture), want.index) << i;
                 EXPECT_EQ(p.picture->width, 160) << i;
                 EXPECT_EQ(time_to_timestamp(p.shown, Rational(1, 1000000)),
-                          av_rescale_q(want->pts - start, rational_convert(st->time_base), AVRational{1, 1000000}))
+                          av_rescale_q(want.pts - start, rational_convert(st->time_base), AVRational{1, 1000000}))
                     << i;
             }
         }
     }
 }
 
+// A filmstrip's fast mode decodes key frames only, one picture serving every
+// time in a group of pictures (which key frame each time shows is checked for
+// every file above); no pictures asked, no strip. The files and the raised
+// cancel flag that give no strip are those that give no thumbnail (below).
+TEST(Filmstrip, FastModeDecodesOnlyKeyFramesAndSharesTheirPictures) {
+    const std::string file = testmedia::path("long_gop.mp4");  // key frames at 0 and 10 s
+    const testsupport::Counts before = testsupport::Counts::now();
+    const std::vector<FilmstripPicture> strip = getFilmstrip(file.c_str(), RequireFilmstrip{12, 0, 0, PF_RGBA, true});
+    ASSERT_EQ(strip.size(), 12u);
+    EXPECT_LE(before.since().frames, 12u + 2u);  // the probe's two, then key frames
+    EXPECT_TRUE(strip[0].picture && strip[0].picture == strip[9].picture);  // one group of pictures, one picture
+    EXPECT_TRUE(getFilmstrip(file.c_str(), RequireFilmstrip{0, 0, 0, PF_RGBA, true}).empty());
+}
+
+// No file, a missing, empty or audio-only file, a video without frames and a
+// raised cancel flag give no thumbnail; the duration is set whenever the probe
+// describes the file and left as it was otherwise. None of them gives a
+// filmstrip either.
 TEST(Thumbnail, FailuresLeaveOrSetTheDurationAsDocumented) {
     const std::string missing = testmedia::path("no_such_file.mp4"), header = testmedia::path("header_only.mp4"),
                       empty = testmedia::path("empty.mp4"), audio = testmedia::path("aac.m4a"),
@@ -142,6 +149,8 @@ TEST(Thumbnail, FailuresLeaveOrSetTheDurationAsDocumented) {
         EXPECT_EQ(picture, nullptr) << file;
         EXPECT_TRUE(r.duration < 0 ? duration.num == 7 && duration.den == 3
                                    : duration.num == r.duration && duration.den == 1000000) << file;
+        // Fast mode, so that the cancel reaches the key frame reader's loop.
+        EXPECT_TRUE(getFilmstrip(r.file, RequireFilmstrip{6, 0, 0, PF_RGBA, true, r.cancel}).empty()) << file;
     }
     EXPECT_TRUE(testsupport::contains(logged, "\"@@获取视频封面和信息失败：" + missing + "\"\n"));
     EXPECT_EQ(getMovieImage(empty.c_str(), RequireMvImage{}, nullptr), nullptr);
@@ -174,12 +183,12 @@ TEST(Thumbnail, TheSameRequestAgainIsAnsweredWithoutDecoding) {
     }
     const testsupport::Counts before = testsupport::Counts::now();
     req.time = Rational(0, 10);  // the oldest of the 40: let go
-    ASSERT_NE(getMovieImage(video.c_str(), req, nullptr), nullptr);
+    const auto held = getMovieImage(video.c_str(), req, nullptr);
+    ASSERT_NE(held, nullptr);
     EXPECT_GT(before.since().frames, 0u);
 
     // mem_collection lets go of the cached pictures first, so that the pool
-    // can give their blocks back; a picture the host holds stays valid.
-    const auto held = getMovieImage(video.c_str(), req, nullptr);
+    // can give their blocks back; a picture the host holds (`held`) stays valid.
     mem_collection(60000);  // all were just used: nothing goes
     EXPECT_EQ(ThumbnailCache::instance().size(), ThumbnailCache::kMaxPictures);
     const size_t handed_out = bg::mempool::stats().handed_out_bytes;
