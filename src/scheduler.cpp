@@ -238,11 +238,9 @@ T AbstractScheduler<T>::await_worker(iWorker* w, std::unique_lock<std::mutex>& l
             count(decode_counters().cache_hits);
             return answer;
         }
-        if (!w->busy && w->reserved_by == 0) {
-            --w->waiters;
-            return run_job(w, lock, ts, cancel, next, owner_id);
-        }
-        w->cond.wait_for(lock, kCancelPoll);
+        // Looked at before taking the worker over as well: the job it waited
+        // for may have ended before this request first held the mutex, and a
+        // cancelled request starts no job.
         if (cancelled(cancel)) {
             CLIPDEC_LOG(kLogDebug, kTagDefault, "worker cancelled: %p, %s", static_cast<void*>(w), w->name);
             --w->waiters;
@@ -250,6 +248,11 @@ T AbstractScheduler<T>::await_worker(iWorker* w, std::unique_lock<std::mutex>& l
             *gave_up = true;
             return T();
         }
+        if (!w->busy && w->reserved_by == 0) {
+            --w->waiters;
+            return run_job(w, lock, ts, cancel, next, owner_id);
+        }
+        w->cond.wait_for(lock, kCancelPoll);
     }
 }
 
