@@ -51,12 +51,11 @@ TEST(Decoder2Setters, SpeedBoundsRefusalsAndFilterRebuilds) {
     EXPECT_TRUE(contains(err, "open filter: atempo=3.000000\n")) << err;
     EXPECT_TRUE(dec.setSpeed(0.5));
     for (double bad : {3.01, 0.49, 0.0, -1.0, std::nan("")}) {
-        bool accepted = true;
-        std::string logged;
-        err = stderr_of([&] { logged = testsupport::stdout_of([&] { accepted = dec.setSpeed(bad); }); });
+        testmedia::LogCapture log;
+        err = stderr_of([&] { EXPECT_FALSE(dec.setSpeed(bad)) << bad; });
         char expected[96];
         std::snprintf(expected, sizeof expected, "speed = %.3lf is invalid, limited: (0, 3.0]", bad);
-        EXPECT_TRUE(!accepted && contains(logged, expected) && dec.speed() == 0.5) << bad;
+        EXPECT_TRUE(contains(log.take(), expected) && dec.speed() == 0.5) << bad;
         EXPECT_FALSE(contains(err, "filter:")) << "a refused speed touched the filter: " << err;
     }
     ASSERT_TRUE(dec.setSpeed(1.5));
@@ -105,8 +104,7 @@ TEST(Decoder2Video, ClipTimesMapThroughSpeedAndReverse) {
 // frames than a run from the key frame for every few pictures would.
 TEST(Decoder2Video, ReversePlaybackGivesTheFramesForwardPlaybackGives) {
     const StreamCtx* video = stream_of("long_gop.mp4", STREAM_VIDEO);
-    const int frames = static_cast<int>(video->duration * 25 * video->time_base.num / video->time_base.den);
-    ASSERT_EQ(frames, 300);
+    constexpr int frames = 300;  // 12 s at 25 fps: a stream of another length fails the very first index
     for (int speed : {1, 2}) {
         SCOPED_TRACE(speed);
         FFDecoder2 dec;

@@ -3,9 +3,9 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -32,11 +32,10 @@ std::string scratch_path(uint8_t last_byte) {
 
 void movie_bytes(const uint8_t* data, size_t size) {
     const std::string path = scratch_path(size ? data[size - 1] : 0);
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (!f) return;
-    const bool written = std::fwrite(data, 1, size, f) == size;
-    std::fclose(f);
-    if (written) hostwalk::walk(path, kFuzzAsyncWaitMs);
+    std::ofstream file(path, std::ios::binary);
+    file.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+    file.close();
+    if (file) hostwalk::walk(path, kFuzzAsyncWaitMs);  // only when every byte reached the file
     unlink(path.c_str());
 }
 

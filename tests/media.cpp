@@ -88,13 +88,13 @@ std::vector<RefFrame> reference_decode(const std::string& file, int stream_index
     return frames;
 }
 
-LogCapture::LogCapture() : active(true) {
+LogCapture::LogCapture() {
     fflush(stdout);
     testing::internal::CaptureStdout();
 }
 
 LogCapture::~LogCapture() {
-    if (active) end_capture();
+    end_capture();
 }
 
 std::string LogCapture::take() {

@@ -9,13 +9,9 @@
 #include <string>
 #include <vector>
 
-extern "C" {
-#include <libavutil/avutil.h>
-#include <libavutil/frame.h>
-}
-
 // The owners come in by this path before the tool's loop includes them as
-// <clipdec/ff_ptr.h>: one file, so coverage names them once, under src/.
+// <clipdec/ff_ptr.h>: one file, so coverage names them once, under src/. They
+// bring FFmpeg's headers (AVFrame and the rest of libavutil).
 #include "ff_ptr.h"
 #include "frame_records.h"
 #include "plain_ffmpeg.h"  // the tool's plain FFmpeg loop, which decodes the references
@@ -59,9 +55,6 @@ public:
     ~LogCapture();
     // Everything logged since construction (or the previous call).
     std::string take();
-
-private:
-    bool active;
 };
 
 }  // namespace testmedia

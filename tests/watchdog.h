@@ -2,14 +2,12 @@
 // was running, when a piece of work does not finish in time.
 #pragma once
 
-#include <chrono>
-#include <string>
-#include <thread>
-
-#include "support.h"
+#include "support.h"  // also brings <chrono>, <string> and <thread>
 
 namespace testsupport {
 
+// Neither copied nor moved, as its thread refers to it: the Gate's mutex
+// already deletes both.
 class Watchdog {
 public:
     Watchdog(std::string what, std::chrono::seconds limit)
@@ -20,8 +18,6 @@ public:
         done_.open();
         thread_.join();
     }
-    Watchdog(const Watchdog&) = delete;
-    Watchdog& operator=(const Watchdog&) = delete;
 
 private:
     std::string what_;

@@ -24,8 +24,7 @@ def media(name):
 def index_of(frame):
     """The index an RGBA picture shows: bar k (of 16 across) white when bit k is set."""
     row = frame.data[frame.height // 2]
-    width = frame.width
-    return sum(1 << k for k in range(16) if row[(2 * k + 1) * width // 32][0] > 128)
+    return sum(1 << k for k in range(16) if row[(2 * k + 1) * frame.width // 32][0] > 128)
 
 
 def ramp(first, count, channels=2):
@@ -57,9 +56,8 @@ def test_samples_are_the_ramp_and_runs_continue(rate, format):
     assert all(len(s) == rate // 50 for s in spans)  # 20 ms each, no sample gained or lost
     if rate == 48000:
         whole = numpy.concatenate(spans)
-        expected = ramp(0, len(whole))
         got = whole if format == "s16" else numpy.round(whole * 32768).astype(numpy.int16)
-        assert numpy.array_equal(got, expected)
+        assert numpy.array_equal(got, ramp(0, len(whole)))
 
 
 def test_a_frame_outlives_its_decoder_and_nothing_leaks():
