@@ -200,10 +200,8 @@ TEST(FrameRecords, RecordsReturnTheirBlockExactlyOnce) {
     void* block = bg::mempool::malloc(4096, 16);
     const auto before = bg::mempool::stats();
     {
-        auto picture = std::make_shared<VFrameCtx>();
-        EXPECT_EQ(picture->divider, 1);
-        picture->buffer = block;
-        auto copy = picture;  // shared, not copied
+        VFrameCtx picture;
+        picture.buffer = block;
     }
     const auto after = bg::mempool::stats();
     EXPECT_TRUE(after.handed_out_count == before.handed_out_count - 1 && after.free_count == before.free_count + 1);
