@@ -13,8 +13,6 @@ using namespace ff;
 
 namespace {
 
-const StreamCtx* audio_of(const char* file) { return testsupport::stream_of(file, STREAM_AUDIO); }
-
 // Stereo float samples, interleaved.
 using Samples = std::vector<float>;
 
@@ -33,7 +31,8 @@ Samples whole_stream(const char* file, int rate) {
 Samples take(FFDecoder& dec, long long begin, long long end, long long step, int rate) {
     Samples into;
     for (long long at = begin; at < end; at += step) {
-        const auto a = dec.getAudioFrame(testsupport::audio_request({at, rate}, {std::min(at + step, end), rate}, SF_FLT, rate));
+        const long long to = std::min(at + step, end);
+        const auto a = dec.getAudioFrame(testsupport::audio_request({at, rate}, {to, rate}, SF_FLT, rate));
         if (a) into.insert(into.end(), reinterpret_cast<const float*>(a->data[0]),
                            reinterpret_cast<const float*>(a->data[0]) + 2 * a->nb_samples);
     }
@@ -64,13 +63,13 @@ TEST(AudioExactness, EveryRateMatchesTheWholeStreamsConversion) {
         {"ramp60.flac", 44100}, {"pcm_s16.wav", 48000}, {"ramp96k.flac", 96000}, {"ramp11k.flac", 11025}};
     std::mt19937 rng(2024);
     for (const auto& source : sources) {
-        const StreamCtx* st = audio_of(source.file);
+        const StreamCtx* st = testsupport::stream_of(source.file, STREAM_AUDIO);
         ASSERT_TRUE(st && st->sample_rate == source.in_rate) << source.file;
         for (int rate : {48000, 44100}) {
             SCOPED_TRACE(std::string(source.file) + " at " + std::to_string(rate));
             const Samples ref = whole_stream(source.file, rate);
+            // A reference shorter than a request shows in `matches` as samples beyond the stream.
             const long long length = 4LL * rate;
-            ASSERT_GE(static_cast<long long>(ref.size()) / 2, length - 64);
             FFDecoder dec;
             ASSERT_TRUE(dec.open(st));
             // New runs at random begins, one request each.
@@ -91,7 +90,7 @@ TEST(AudioExactness, EveryRateMatchesTheWholeStreamsConversion) {
 }
 
 TEST(AudioExactness, ASpeedChangesFirstRunSeeksLikeAnyOther) {
-    const StreamCtx* st = audio_of("ramp60.flac");
+    const StreamCtx* st = testsupport::stream_of("ramp60.flac", STREAM_AUDIO);
     for (double speed : {2.0, 0.5}) {
         SCOPED_TRACE(speed);
         // Right after open; after a run elsewhere and back; after a run
@@ -134,7 +133,7 @@ TEST(AudioExactness, IrregularTimestampsPlaceTheSameSamplesEveryWay) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.file);
-        const StreamCtx* st = audio_of(c.file);
+        const StreamCtx* st = testsupport::stream_of(c.file, STREAM_AUDIO);
         ASSERT_NE(st, nullptr);
         const int rate = st->sample_rate;
         const long long length = rate * 3 / 2;

