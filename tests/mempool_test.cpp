@@ -135,7 +135,8 @@ using namespace ff;
 // A wrong forward code shows as a wrong picture or sample format in every
 // conversion; the codes also translate back, and unknown ones to none.
 TEST(FrameRecords, FormatCodesTranslateBack) {
-    for (PixelFormat code : {PF_RGBA, PF_YUV420P, PF_NV12}) EXPECT_EQ(avpixfmt_to_pixfmt(pixfmt_to_avpixfmt(code)), code);
+    for (PixelFormat code : {PF_RGBA, PF_YUV420P, PF_NV12})
+        EXPECT_EQ(avpixfmt_to_pixfmt(pixfmt_to_avpixfmt(code)), code);
     for (SampleFormat code : {SF_U8, SF_S16, SF_S32, SF_FLT})
         EXPECT_EQ(avsamplefmt_to_samplefmt(samplefmt_to_avsamplefmt(code)), code);
     EXPECT_TRUE(avpixfmt_to_pixfmt(AV_PIX_FMT_BGRA) == PF_NONE && avpixfmt_to_pixfmt(-1) == PF_NONE);
