@@ -24,8 +24,10 @@ constexpr auto kCaseLimit = std::chrono::seconds(120);  // sanitizer builds are 
 std::vector<std::string> files_in(const std::string& dir) {
     std::vector<std::string> names;
     std::error_code missing;  // no directory: no names
-    for (const auto& entry : std::filesystem::directory_iterator(dir, missing))
-        if (entry.path().filename().string()[0] != '.') names.push_back(entry.path().filename());
+    for (const auto& entry : std::filesystem::directory_iterator(dir, missing)) {
+        std::string name = entry.path().filename();
+        if (name[0] != '.') names.push_back(std::move(name));
+    }
     std::sort(names.begin(), names.end());
     return names;
 }

@@ -6,8 +6,7 @@
 
 namespace testsupport {
 
-// Neither copied nor moved, as its thread refers to it: the Gate's mutex
-// already deletes both.
+// Neither copied nor moved: its thread refers to it.
 class Watchdog {
 public:
     Watchdog(std::string what, std::chrono::seconds limit)
@@ -18,6 +17,8 @@ public:
         done_.open();
         thread_.join();
     }
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
 
 private:
     std::string what_;
